@@ -1,0 +1,34 @@
+# The README's two commands live here. `make test` is also what CI runs.
+PRESETS ?= release asan
+JOBS ?= $(shell nproc)
+
+.PHONY: test build bootstrap bench format clean
+
+bootstrap:
+	@scripts/bootstrap
+
+build: bootstrap
+	@for p in $(PRESETS); do \
+	   cmake --preset $$p >/dev/null && cmake --build --preset $$p -j $(JOBS) || exit 1; \
+	done
+
+test: build
+	@passed=0; failed=0; for p in $(PRESETS); do \
+	   echo "== ctest ($$p) =="; \
+	   ctest --preset $$p -j $(JOBS) | tee build/ctest-$$p.log; \
+	   line=$$(grep -E 'tests passed, [0-9]+ tests failed out of' build/ctest-$$p.log); \
+	   total=$$(echo "$$line" | sed -E 's/.*out of ([0-9]+).*/\1/'); \
+	   bad=$$(echo "$$line" | sed -E 's/.* ([0-9]+) tests failed.*/\1/'); \
+	   [ -n "$$total" ] || { total=0; bad=1; }; \
+	   passed=$$((passed + total - bad)); failed=$$((failed + bad)); \
+	done; echo "summary: $$passed passed, $$failed failed"; [ $$failed -eq 0 ]
+
+bench: bootstrap
+	@cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS)
+	@for b in build/release/bench/*_bench; do echo "== $$b =="; $$b; done
+
+format:
+	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+clean:
+	rm -rf build

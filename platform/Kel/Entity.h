@@ -1,0 +1,160 @@
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "Kel/Ptr.h"
+
+namespace Kel {
+
+// What an entity's notifiee list points at; every BaseNotifiee<E> is one.
+class NotifieeLink {
+protected:
+   NotifieeLink() = default;
+   ~NotifieeLink() = default;
+};
+
+// An object with attributes whose changes are announced, synchronously inside
+// the mutator, to the notifiees attached to it. Each entity class declares a
+// nested `Notifiee` (derived from BaseNotifiee<ThatEntity>) with one virtual
+// `onXxx()` per attribute, `onXxx(key)` per keyed collection.
+//
+// Re-entrancy: while a notification runs, a notifiee may detach itself or any
+// other notifiee (detached ones are not called afterwards), attach new ones
+// (they are first called in the next notification, never in the current one),
+// destroy the last reference to the entity (it lives until the notification
+// ends), or mutate the entity again (a nested notification).
+class Entity : public PtrInterface {
+public:
+   bool hasNotificationActive() const noexcept { return notificationActive_; }
+   void hasNotificationActiveIs(bool active) noexcept { notificationActive_ = active; }
+   std::size_t notifieeCount() const noexcept;
+
+protected:
+   Entity() = default;
+
+   template <class N, class... Params, class... Args>
+   void notify(void (N::*onChange)(Params...), const Args&... args) const;
+
+   // Stores `value` and notifies only when it differs from the current one.
+   template <class T, class U, class N>
+   bool attributeIs(T& attribute, U&& value, void (N::*onChange)()) {
+      if (attribute == value) {
+         return false;
+      }
+      attribute = std::forward<U>(value);
+      notify(onChange);
+      return true;
+   }
+
+   // Keyed-collection mutators: change the entry, then notify with its key.
+   template <class K, class V, class N, class KeyParam>
+   void entryIs(std::map<K, V>& collection, const K& key, V value,
+                void (N::*onChange)(KeyParam)) {
+      auto [it, inserted] = collection.try_emplace(key, value);
+      if (!inserted) {
+         if (it->second == value) {
+            return;
+         }
+         it->second = std::move(value);
+      }
+      notify(onChange, key);
+   }
+   template <class K, class V, class N, class KeyParam>
+   void entryDel(std::map<K, V>& collection, const K& key, void (N::*onChange)(KeyParam)) {
+      auto it = collection.find(key);
+      if (it == collection.end()) {
+         return;
+      }
+      const K removed = it->first;
+      collection.erase(it);
+      notify(onChange, removed);
+   }
+   template <class K, class V, class N, class KeyParam>
+   void entryDelAll(std::map<K, V>& collection, void (N::*onChange)(KeyParam)) {
+      while (!collection.empty()) {
+         entryDel(collection, collection.begin()->first, onChange);
+      }
+   }
+
+private:
+   template <class>
+   friend class BaseNotifiee;
+
+   void attach(NotifieeLink* notifiee) const;
+   void detach(NotifieeLink* notifiee) const;
+
+   struct NotifyScope;
+
+   mutable std::vector<NotifieeLink*> notifiees_;
+   mutable U32 notifyDepth_ = 0;
+   mutable bool hasDetachedSlots_ = false;
+   bool notificationActive_ = false;
+};
+
+// Keeps an entity alive and its list consistent for one notification round.
+struct Entity::NotifyScope {
+   explicit NotifyScope(const Entity* e) : entity(e), keepAlive(e->references() ? e : nullptr) {
+      ++entity->notifyDepth_;
+   }
+   ~NotifyScope();
+   NotifyScope(const NotifyScope&) = delete;
+   NotifyScope& operator=(const NotifyScope&) = delete;
+
+   const Entity* entity;
+   Ptr<const Entity> keepAlive;
+};
+
+template <class N, class... Params, class... Args>
+void Entity::notify(void (N::*onChange)(Params...), const Args&... args) const {
+   if (!notificationActive_ || notifiees_.empty()) {
+      return;
+   }
+   // The arguments are copied: a key may refer into a collection that a
+   // notifiee changes.
+   const std::tuple<std::decay_t<Args>...> held(args...);
+   NotifyScope scope(this);
+   const std::size_t attachedBefore = notifiees_.size();
+   for (std::size_t i = 0; i < attachedBefore; ++i) {
+      if (NotifieeLink* link = notifiees_[i]) {
+         std::apply([&](const auto&... a) { (static_cast<N*>(link)->*onChange)(a...); }, held);
+      }
+   }
+}
+
+// Base of an entity's nested Notifiee. A reactor derives from E::Notifiee,
+// points itself at its notifier with notifierIs() once it is fully built, and
+// is detached when destroyed. It holds a counted pointer to the notifier.
+template <class E>
+class BaseNotifiee : public NotifieeLink {
+public:
+   BaseNotifiee() = default;
+   BaseNotifiee(const BaseNotifiee&) = delete;
+   BaseNotifiee& operator=(const BaseNotifiee&) = delete;
+   virtual ~BaseNotifiee() { notifierIs(nullptr); }
+
+   const Ptr<E>& notifier() const noexcept { return notifier_; }
+
+   void notifierIs(const Ptr<E>& notifier) {
+      if (notifier == notifier_) {
+         return;
+      }
+      if (notifier_) {
+         asEntity(notifier_)->detach(this);
+      }
+      notifier_ = notifier;
+      if (notifier_) {
+         asEntity(notifier_)->attach(this);
+      }
+   }
+
+private:
+   static const Entity* asEntity(const Ptr<E>& p) { return p.ptr(); }
+   Ptr<E> notifier_;
+};
+
+}  // namespace Kel

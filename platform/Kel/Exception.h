@@ -1,0 +1,61 @@
+#pragma once
+
+#include <fmt/format.h>
+
+#include <stdexcept>
+
+#include "Kel/Types.h"
+
+namespace Kel {
+
+// Base of the framework's recoverable errors.
+class Exception : public std::runtime_error {
+public:
+   using std::runtime_error::runtime_error;
+};
+
+// A broken invariant: a bug, never a consequence of outside input. what() is
+// the failed condition's text exactly as written in the source. Task loops let
+// it through so that it ends the process.
+class AssertionError : public std::logic_error {
+public:
+   explicit AssertionError(const char* condition) : std::logic_error(condition) {}
+};
+
+// A failed system call: the errno value and what was being done.
+class ErrnoException : public Exception {
+public:
+   ErrnoException(int errnoValue, const String& what);
+   int errnoValue() const noexcept { return errno_; }
+
+private:
+   int errno_;
+};
+
+// A creator was called under an existing key with a different constructor
+// argument.
+class NameInUseException : public Exception {
+public:
+   using Exception::Exception;
+};
+
+// Throws NameInUseException unless the constructor argument `attribute` of an
+// existing object (currentValue) equals the one a creator was called with.
+template <class T>
+void checkConstructorParam(const char* attribute, const T& newValue, const T& currentValue) {
+   if (!(newValue == currentValue)) {
+      throw NameInUseException(fmt::format(
+          "Reinstantiating the pointer interface where constructor parameter attribute _{} has a "
+          "different value of {} than the current value of {} not allowed",
+          attribute, newValue, currentValue));
+   }
+}
+
+}  // namespace Kel
+
+#define KEL_ASSERT(cond)                         \
+   do {                                          \
+      if (!(cond)) [[unlikely]] {                \
+         throw ::Kel::AssertionError(#cond);     \
+      }                                          \
+   } while (0)
