@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "BenchCounters.h"
 #include "Bexa/TaskScheduler.h"
 #include "Kel/System.h"
 
@@ -19,9 +20,7 @@ void readyTask(benchmark::State& state) {
       sched->runOnce();
    }
    benchmark::DoNotOptimize(runs);
-   state.counters["ns_per_task"] =
-       benchmark::Counter(double(state.iterations()), benchmark::Counter::kIsRate |
-                                                          benchmark::Counter::kInvert);
+   reportTimePerItem(state, "ns_per_task", double(state.iterations()));
 }
 BENCHMARK(readyTask);
 
@@ -41,9 +40,7 @@ void timerTask(benchmark::State& state) {
       sched->runOnce();
    }
    benchmark::DoNotOptimize(runs);
-   state.counters["ns_per_task"] =
-       benchmark::Counter(double(state.iterations()), benchmark::Counter::kIsRate |
-                                                          benchmark::Counter::kInvert);
+   reportTimePerItem(state, "ns_per_task", double(state.iterations()));
 }
 BENCHMARK(timerTask)->Arg(0)->Arg(1000);
 

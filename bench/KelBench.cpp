@@ -4,25 +4,26 @@
 #include <memory>
 #include <vector>
 
+#include "BenchCounters.h"
 #include "Kel/Entity.h"
 
 namespace {
 
 class Counter : public Kel::Entity {
-public:
+ public:
    class Notifiee : public Kel::BaseNotifiee<Counter> {
-   public:
+    public:
       virtual void onValue() {}
    };
    void valueIs(Kel::U64 v) { attributeIs(value_, v, &Notifiee::onValue); }
    Kel::U64 value() const { return value_; }
 
-private:
+ private:
    Kel::U64 value_ = 0;
 };
 
 class Reactor : public Counter::Notifiee {
-public:
+ public:
    explicit Reactor(const Kel::Ptr<Counter>& c) { notifierIs(c); }
    void onValue() override { sum_ += notifier()->value(); }
    Kel::U64 sum_ = 0;
@@ -42,9 +43,7 @@ void notifyReactors(benchmark::State& state) {
    }
    benchmark::DoNotOptimize(reactors.front()->sum_);
    state.SetItemsProcessed(state.iterations() * state.range(0));
-   state.counters["ns_per_reactor_call"] = benchmark::Counter(
-       double(state.iterations() * state.range(0)),
-       benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+   reportTimePerItem(state, "ns_per_reactor_call", double(state.iterations() * state.range(0)));
 }
 BENCHMARK(notifyReactors)->Arg(1)->Arg(10);
 

@@ -15,7 +15,9 @@ Task::Task(Kel::Ptr<TaskScheduler> scheduler, Kel::Name name, TaskPriority prior
    KEL_ASSERT(static_cast<std::size_t>(priority_) < taskPriorityCount);
 }
 
-Task::~Task() { scheduler_->taskDestroyed(*this); }
+Task::~Task() {
+   scheduler_->taskDestroyed(*this);
+}
 
 void Task::scheduleTask() {
    if (ready_) {
@@ -41,7 +43,9 @@ void Task::stopTask() {
    scheduler_->timerDel(*this);
 }
 
-bool Task::taskCurrentlyRunning() const noexcept { return scheduler_->currentTask() == this; }
+bool Task::taskCurrentlyRunning() const noexcept {
+   return scheduler_->currentTask() == this;
+}
 
 Kel::Seconds Task::deadline() const noexcept {
    return heapIndex_ == notInHeap ? std::numeric_limits<Kel::Seconds>::infinity() : deadline_;

@@ -18,7 +18,7 @@ constexpr std::size_t taskPriorityCount = 16;
 // A named unit of deferred work. The owner keeps the Task; destroying it
 // cancels whatever is scheduled, even from inside its own run.
 class Task {
-public:
+ public:
    using Action = std::function<void()>;
 
    Task(Kel::Ptr<TaskScheduler> scheduler, Kel::Name name, TaskPriority priority, Action action);
@@ -44,7 +44,7 @@ public:
    TaskPriority priority() const noexcept { return priority_; }
    const Kel::Ptr<TaskScheduler>& scheduler() const noexcept { return scheduler_; }
 
-private:
+ private:
    friend class TaskScheduler;
    static constexpr std::size_t notInHeap = std::numeric_limits<std::size_t>::max();
 

@@ -41,7 +41,8 @@ void TaskScheduler::readyDel(Task& task) {
 }
 
 bool TaskScheduler::earlier(const Task* a, const Task* b) {
-   return a->deadline_ < b->deadline_ || (a->deadline_ == b->deadline_ && a->timerSeq_ < b->timerSeq_);
+   return a->deadline_ < b->deadline_ ||
+          (a->deadline_ == b->deadline_ && a->timerSeq_ < b->timerSeq_);
 }
 
 void TaskScheduler::heapSwap(std::size_t i, std::size_t j) {

@@ -13,7 +13,7 @@ namespace Bexa {
 // of one thread. Time is Kel::System::currentTime(), so that a manual clock
 // turns it into virtual time.
 class TaskScheduler : public Kel::PtrInterface {
-public:
+ public:
    TaskScheduler() = default;
    ~TaskScheduler() override;
 
@@ -36,7 +36,7 @@ public:
    // Exceptions that left a task: traced, counted, and the loop went on.
    Kel::U64 taskExceptions() const noexcept { return taskExceptions_; }
 
-private:
+ private:
    friend class Task;
 
    struct ReadyList {
@@ -72,7 +72,7 @@ private:
 // or waits for real time, and wakes tasks when watched file descriptors become
 // readable.
 class TaskSchedulerRoot : public TaskScheduler {
-public:
+ public:
    TaskSchedulerRoot() = default;
 
    // Runs until stop(). With a virtual clock it also returns once nothing is
@@ -88,7 +88,7 @@ public:
    void fdWatchIs(int fd, Task* task);
    void fdWatchDel(int fd);
 
-private:
+ private:
    // Waits until `deadline` (or forever for nullopt), a watched descriptor is
    // readable, or, with a virtual clock, simply moves time there.
    void waitUntil(std::optional<Kel::Seconds> deadline);

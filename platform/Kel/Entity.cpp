@@ -15,7 +15,9 @@ std::size_t Entity::notifieeCount() const noexcept {
    return notifiees_.size() - std::count(notifiees_.begin(), notifiees_.end(), nullptr);
 }
 
-void Entity::attach(NotifieeLink* notifiee) const { notifiees_.push_back(notifiee); }
+void Entity::attach(NotifieeLink* notifiee) const {
+   notifiees_.push_back(notifiee);
+}
 
 void Entity::detach(NotifieeLink* notifiee) const {
    const auto it = std::find(notifiees_.begin(), notifiees_.end(), notifiee);

@@ -13,7 +13,7 @@ namespace Kel {
 
 // What an entity's notifiee list points at; every BaseNotifiee<E> is one.
 class NotifieeLink {
-protected:
+ protected:
    NotifieeLink() = default;
    ~NotifieeLink() = default;
 };
@@ -29,12 +29,12 @@ protected:
 // destroy the last reference to the entity (it lives until the notification
 // ends), or mutate the entity again (a nested notification).
 class Entity : public PtrInterface {
-public:
+ public:
    bool hasNotificationActive() const noexcept { return notificationActive_; }
    void hasNotificationActiveIs(bool active) noexcept { notificationActive_ = active; }
    std::size_t notifieeCount() const noexcept;
 
-protected:
+ protected:
    Entity() = default;
 
    template <class N, class... Params, class... Args>
@@ -53,8 +53,7 @@ protected:
 
    // Keyed-collection mutators: change the entry, then notify with its key.
    template <class K, class V, class N, class KeyParam>
-   void entryIs(std::map<K, V>& collection, const K& key, V value,
-                void (N::*onChange)(KeyParam)) {
+   void entryIs(std::map<K, V>& collection, const K& key, V value, void (N::*onChange)(KeyParam)) {
       auto [it, inserted] = collection.try_emplace(key, value);
       if (!inserted) {
          if (it->second == value) {
@@ -81,7 +80,7 @@ protected:
       }
    }
 
-private:
+ private:
    template <class>
    friend class BaseNotifiee;
 
@@ -131,7 +130,7 @@ void Entity::notify(void (N::*onChange)(Params...), const Args&... args) const {
 // is detached when destroyed. It holds a counted pointer to the notifier.
 template <class E>
 class BaseNotifiee : public NotifieeLink {
-public:
+ public:
    BaseNotifiee() = default;
    BaseNotifiee(const BaseNotifiee&) = delete;
    BaseNotifiee& operator=(const BaseNotifiee&) = delete;
@@ -152,7 +151,7 @@ public:
       }
    }
 
-private:
+ private:
    static const Entity* asEntity(const Ptr<E>& p) { return p.ptr(); }
    Ptr<E> notifier_;
 };

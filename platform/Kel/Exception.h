@@ -10,7 +10,7 @@ namespace Kel {
 
 // Base of the framework's recoverable errors.
 class Exception : public std::runtime_error {
-public:
+ public:
    using std::runtime_error::runtime_error;
 };
 
@@ -18,24 +18,24 @@ public:
 // the failed condition's text exactly as written in the source. Task loops let
 // it through so that it ends the process.
 class AssertionError : public std::logic_error {
-public:
+ public:
    explicit AssertionError(const char* condition) : std::logic_error(condition) {}
 };
 
 // A failed system call: the errno value and what was being done.
 class ErrnoException : public Exception {
-public:
+ public:
    ErrnoException(int errnoValue, const String& what);
    int errnoValue() const noexcept { return errno_; }
 
-private:
+ private:
    int errno_;
 };
 
 // A creator was called under an existing key with a different constructor
 // argument.
 class NameInUseException : public Exception {
-public:
+ public:
    using Exception::Exception;
 };
 
@@ -53,9 +53,9 @@ void checkConstructorParam(const char* attribute, const T& newValue, const T& cu
 
 }  // namespace Kel
 
-#define KEL_ASSERT(cond)                         \
-   do {                                          \
-      if (!(cond)) [[unlikely]] {                \
-         throw ::Kel::AssertionError(#cond);     \
-      }                                          \
+#define KEL_ASSERT(cond)                     \
+   do {                                      \
+      if (!(cond)) [[unlikely]] {            \
+         throw ::Kel::AssertionError(#cond); \
+      }                                      \
    } while (0)

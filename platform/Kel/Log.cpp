@@ -10,7 +10,7 @@ namespace Kel {
 namespace {
 
 class SyslogSink final : public LogSink {
-public:
+ public:
    void write(const LogRecord& record) override {
       syslog(std::clamp(record.severity, 0, 7), "%.*s", int(record.line.size()),
              record.line.data());
@@ -18,7 +18,7 @@ public:
 };
 
 class StderrSink final : public LogSink {
-public:
+ public:
    void write(const LogRecord& record) override {
       const String line = String(record.line) + "\n";
       if (::write(2, line.data(), line.size()) < 0) {
@@ -73,13 +73,21 @@ void LogHandle::log(std::initializer_list<std::string_view> args) const {
    }
 }
 
-std::vector<LogSink*> Log::sinks() { return sinkList(); }
+std::vector<LogSink*> Log::sinks() {
+   return sinkList();
+}
 
-void Log::sinksIs(std::vector<LogSink*> sinks) { sinkList() = std::move(sinks); }
+void Log::sinksIs(std::vector<LogSink*> sinks) {
+   sinkList() = std::move(sinks);
+}
 
-LogCapture::LogCapture() : previousSinks_(Log::sinks()) { Log::sinksIs({this}); }
+LogCapture::LogCapture() : previousSinks_(Log::sinks()) {
+   Log::sinksIs({this});
+}
 
-LogCapture::~LogCapture() { Log::sinksIs(previousSinks_); }
+LogCapture::~LogCapture() {
+   Log::sinksIs(previousSinks_);
+}
 
 void LogCapture::write(const LogRecord& record) {
    lines_.emplace_back(record.line);

@@ -19,7 +19,7 @@ struct LogRecord {
 };
 
 class LogSink {
-public:
+ public:
    virtual ~LogSink() = default;
    virtual void write(const LogRecord& record) = 0;
 };
@@ -30,13 +30,12 @@ public:
 // the flag are the rate-limit interval, the burst and whether the message is
 // rate limited, carried as the message's owner gives them.
 class LogHandle {
-public:
+ public:
    static constexpr std::string_view noActionRequired = "No action is required.";
 
    LogHandle(std::string_view facility, std::string_view mnemonic, int severity,
              std::string_view format, std::string_view explanation,
-             std::string_view recommendedAction, int param1 = 0, double param2 = 1.0,
-             int flag = 0);
+             std::string_view recommendedAction, int param1 = 0, double param2 = 1.0, int flag = 0);
 
    Name id() const { return fmt::format("{}_{}", facility_, mnemonic_); }
    std::string_view format() const { return format_; }
@@ -51,7 +50,7 @@ public:
    String text(std::initializer_list<std::string_view> args) const;
    void log(std::initializer_list<std::string_view> args) const;
 
-private:
+ private:
    std::string_view facility_;
    std::string_view mnemonic_;
    int severity_;
@@ -64,7 +63,7 @@ private:
 };
 
 class Log {
-public:
+ public:
    // By default every message goes to syslog and to stderr.
    static std::vector<LogSink*> sinks();
    static void sinksIs(std::vector<LogSink*> sinks);
@@ -72,7 +71,7 @@ public:
 
 // Captures log messages for a test instead of the usual sinks while it lives.
 class LogCapture final : public LogSink {
-public:
+ public:
    LogCapture();
    ~LogCapture() override;
    LogCapture(const LogCapture&) = delete;
@@ -82,9 +81,12 @@ public:
    const std::vector<String>& lines() const { return lines_; }
    // How many messages of the given mnemonic were logged.
    std::size_t count(std::string_view mnemonic) const;
-   void clear() { lines_.clear(); mnemonics_.clear(); }
+   void clear() {
+      lines_.clear();
+      mnemonics_.clear();
+   }
 
-private:
+ private:
    std::vector<LogSink*> previousSinks_;
    std::vector<String> lines_;
    std::vector<String> mnemonics_;

@@ -18,7 +18,7 @@ namespace Kel {
 // Thread-safe (atomic) counts are a build-time choice: the library runs on one
 // scheduler thread, and a plain increment is several times cheaper.
 class PtrInterface {
-public:
+ public:
    PtrInterface() = default;
    PtrInterface(const PtrInterface&) = delete;
    PtrInterface& operator=(const PtrInterface&) = delete;
@@ -32,7 +32,7 @@ public:
    }
    U32 references() const noexcept { return references_; }
 
-private:
+ private:
 #ifdef KEL_THREAD_SAFE_PTR
    mutable std::atomic<U32> references_{0};
 #else
@@ -44,7 +44,7 @@ private:
 // implicitly made from Ptr<T>.
 template <class T>
 class Ptr {
-public:
+ public:
    Ptr() noexcept = default;
    Ptr(std::nullptr_t) noexcept {}
    Ptr(T* p) noexcept : p_(p) { acquire(); }
@@ -82,7 +82,7 @@ public:
                                       static_cast<const void*>(o.ptr()));
    }
 
-private:
+ private:
    void acquire() const noexcept {
       if (p_) {
          p_->newRef();

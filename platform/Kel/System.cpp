@@ -20,9 +20,13 @@ SystemClock systemClock;
 
 ClockSource* System::clock_ = &systemClock;
 
-Seconds SystemClock::monotonic() const { return readClock(CLOCK_MONOTONIC); }
+Seconds SystemClock::monotonic() const {
+   return readClock(CLOCK_MONOTONIC);
+}
 
-Seconds SystemClock::utc() const { return readClock(CLOCK_REALTIME); }
+Seconds SystemClock::utc() const {
+   return readClock(CLOCK_REALTIME);
+}
 
 bool ManualClock::advanceTo(Seconds monotonicTime) {
    KEL_ASSERT(monotonicTime >= monotonic_);
@@ -30,13 +34,17 @@ bool ManualClock::advanceTo(Seconds monotonicTime) {
    return true;
 }
 
-void System::clockSourceIs(ClockSource* clock) { clock_ = clock ? clock : &systemClock; }
+void System::clockSourceIs(ClockSource* clock) {
+   clock_ = clock ? clock : &systemClock;
+}
 
 ScopedManualClock::ScopedManualClock(Seconds monotonicStart, Seconds utcStart)
     : clock_(monotonicStart, utcStart), previous_(&System::clockSource()) {
    System::clockSourceIs(&clock_);
 }
 
-ScopedManualClock::~ScopedManualClock() { System::clockSourceIs(previous_); }
+ScopedManualClock::~ScopedManualClock() {
+   System::clockSourceIs(previous_);
+}
 
 }  // namespace Kel

@@ -7,7 +7,7 @@ namespace Kel {
 // Where the framework reads time. The process uses the system clocks; tests
 // install a ManualClock and move time themselves.
 class ClockSource {
-public:
+ public:
    virtual ~ClockSource() = default;
    // Monotonic seconds, comparable across the processes of the machine.
    virtual Seconds monotonic() const = 0;
@@ -21,7 +21,7 @@ public:
 };
 
 class SystemClock final : public ClockSource {
-public:
+ public:
    Seconds monotonic() const override;
    Seconds utc() const override;
    bool advanceTo(Seconds) override { return false; }
@@ -30,7 +30,7 @@ public:
 
 // Virtual time for tests: starts at the given instants and moves only when told.
 class ManualClock final : public ClockSource {
-public:
+ public:
    explicit ManualClock(Seconds monotonicStart = 1000.0, Seconds utcStart = 1.7e9)
        : monotonic_(monotonicStart), utcOffset_(utcStart - monotonicStart) {}
    Seconds monotonic() const override { return monotonic_; }
@@ -39,13 +39,13 @@ public:
    bool isVirtual() const override { return true; }
    void advance(Seconds delta) { advanceTo(monotonic_ + delta); }
 
-private:
+ private:
    Seconds monotonic_;
    Seconds utcOffset_;
 };
 
 class System {
-public:
+ public:
    static Seconds currentTime() { return clock_->monotonic(); }
    static Seconds currentTimeUtc() { return clock_->utc(); }
    static ClockSource& clockSource() { return *clock_; }
@@ -53,13 +53,13 @@ public:
    // alive while installed.
    static void clockSourceIs(ClockSource* clock);
 
-private:
+ private:
    static ClockSource* clock_;
 };
 
 // Installs a ManualClock for the lifetime of the guard.
 class ScopedManualClock {
-public:
+ public:
    explicit ScopedManualClock(Seconds monotonicStart = 1000.0, Seconds utcStart = 1.7e9);
    ~ScopedManualClock();
    ScopedManualClock(const ScopedManualClock&) = delete;
@@ -67,7 +67,7 @@ public:
    ManualClock& clock() { return clock_; }
    void advance(Seconds delta) { clock_.advance(delta); }
 
-private:
+ private:
    ManualClock clock_;
    ClockSource* previous_;
 };

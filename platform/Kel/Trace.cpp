@@ -77,7 +77,9 @@ TraceHandle::TraceHandle(std::string_view facility)
    registry().handles.push_back(this);
 }
 
-TraceHandle::~TraceHandle() { std::erase(registry().handles, this); }
+TraceHandle::~TraceHandle() {
+   std::erase(registry().handles, this);
+}
 
 void TraceHandle::emitText(int level, std::string_view text) const {
    const TraceRecord record{System::currentTimeUtc(), facility_, level, text};
@@ -90,16 +92,26 @@ bool Trace::configure(std::string_view spec, String* error) {
    return registry().apply(spec, error);
 }
 
-void Trace::configureFromEnvironment() { registry(); }
+void Trace::configureFromEnvironment() {
+   registry();
+}
 
-int Trace::levelOf(std::string_view facility) { return registry().levelOf(facility); }
+int Trace::levelOf(std::string_view facility) {
+   return registry().levelOf(facility);
+}
 
-std::vector<TraceSink*> Trace::sinks() { return registry().sinks; }
+std::vector<TraceSink*> Trace::sinks() {
+   return registry().sinks;
+}
 
-void Trace::sinksIs(std::vector<TraceSink*> sinks) { registry().sinks = std::move(sinks); }
+void Trace::sinksIs(std::vector<TraceSink*> sinks) {
+   registry().sinks = std::move(sinks);
+}
 
 TraceCapture::TraceCapture(std::string_view facility, int level)
-    : facility_(facility), previousLevel_(Trace::levelOf(facility)), previousSinks_(Trace::sinks()) {
+    : facility_(facility),
+      previousLevel_(Trace::levelOf(facility)),
+      previousSinks_(Trace::sinks()) {
    Trace::sinksIs({this});
    registry().apply(fmt::format("{}/{}", facility_, level), nullptr);
 }

@@ -17,7 +17,7 @@ struct TraceRecord {
 };
 
 class TraceSink {
-public:
+ public:
    virtual ~TraceSink() = default;
    virtual void write(const TraceRecord& record) = 0;
 };
@@ -27,7 +27,7 @@ public:
 // deletions and decisions, 1 caught errors. Use through KEL_TRACE so that a
 // disabled level costs one comparison and formats nothing.
 class TraceHandle {
-public:
+ public:
    explicit TraceHandle(std::string_view facility);
    ~TraceHandle();
    TraceHandle(const TraceHandle&) = delete;
@@ -44,7 +44,7 @@ public:
    }
    void emitText(int level, std::string_view text) const;
 
-private:
+ private:
    Name facility_;
    int level_;
 };
@@ -52,7 +52,7 @@ private:
 // The process-wide trace configuration: levels per facility and the sinks every
 // enabled line goes to (by default the text trace and the binary ring).
 class Trace {
-public:
+ public:
    static constexpr int maxLevel = 9;
    // No facility is traced until configured, except at level 0.
    static constexpr int defaultLevel = 0;
@@ -71,7 +71,7 @@ public:
 // Captures trace lines for a test, instead of the usual sinks, and enables the
 // given facility up to `level` while it lives.
 class TraceCapture final : public TraceSink {
-public:
+ public:
    TraceCapture(std::string_view facility, int level);
    ~TraceCapture() override;
 
@@ -80,9 +80,12 @@ public:
    // Lines traced at exactly `level`.
    std::vector<String> lines(int level) const;
    bool contains(std::string_view text) const;
-   void clear() { lines_.clear(); levels_.clear(); }
+   void clear() {
+      lines_.clear();
+      levels_.clear();
+   }
 
-private:
+ private:
    Name facility_;
    int previousLevel_;
    std::vector<TraceSink*> previousSinks_;
@@ -92,9 +95,9 @@ private:
 
 }  // namespace Kel
 
-#define KEL_TRACE(handle, level, ...)               \
-   do {                                             \
-      if ((handle).enabled(level)) [[unlikely]] {   \
-         (handle).emit((level), __VA_ARGS__);       \
-      }                                             \
+#define KEL_TRACE(handle, level, ...)             \
+   do {                                           \
+      if ((handle).enabled(level)) [[unlikely]] { \
+         (handle).emit((level), __VA_ARGS__);     \
+      }                                           \
    } while (0)

@@ -14,7 +14,7 @@ namespace Kel {
 // managers by name. A factory is registered and looked up with its exact
 // signature; asking for another signature is an error, not a cast.
 class TypeRegistry {
-public:
+ public:
    static TypeRegistry& instance();
 
    template <class Signature>
@@ -38,7 +38,7 @@ public:
    bool hasFactory(const Name& typeName) const { return factories_.contains(typeName); }
    void factoryDel(const Name& typeName) { factories_.erase(typeName); }
 
-private:
+ private:
    struct Entry {
       std::type_index signature;
       std::any factory;

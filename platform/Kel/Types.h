@@ -19,7 +19,11 @@ using S64 = std::int64_t;
 // Time in seconds, monotonic or wall-clock depending on the source.
 using Seconds = double;
 
-constexpr U16 maxU16() { return std::numeric_limits<U16>::max(); }
-constexpr U32 maxU32() { return std::numeric_limits<U32>::max(); }
+constexpr U16 maxU16() {
+   return std::numeric_limits<U16>::max();
+}
+constexpr U32 maxU32() {
+   return std::numeric_limits<U32>::max();
+}
 
 }  // namespace Kel

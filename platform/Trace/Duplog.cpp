@@ -21,7 +21,9 @@ Kel::String formatLine(const Kel::TraceRecord& record) {
                       record.facility, record.level, record.text);
 }
 
-TextTrace::~TextTrace() { outputToStderr(); }
+TextTrace::~TextTrace() {
+   outputToStderr();
+}
 
 void TextTrace::write(const Kel::TraceRecord& record) {
    const Kel::String line = formatLine(record);

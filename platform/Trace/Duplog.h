@@ -7,7 +7,7 @@
 namespace Duplog {
 
 class TextTrace final : public Kel::TraceSink {
-public:
+ public:
    TextTrace() = default;
    ~TextTrace() override;
    TextTrace(const TextTrace&) = delete;
@@ -19,7 +19,7 @@ public:
    bool outputIs(const Kel::String& path, Kel::String* error);
    void outputToStderr();
 
-private:
+ private:
    int fd_ = 2;
 };
 

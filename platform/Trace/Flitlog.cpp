@@ -24,7 +24,9 @@ void Ring::write(const Kel::TraceRecord& record) {
    std::memcpy(r.text.data(), record.text.data(), r.textLen);
 }
 
-std::size_t Ring::size() const { return std::min<Kel::U64>(written_, records_.size()); }
+std::size_t Ring::size() const {
+   return std::min<Kel::U64>(written_, records_.size());
+}
 
 std::size_t Ring::formatRecord(const Record& r, char* out, std::size_t size) {
    const int n = std::snprintf(out, size, "%.6f %.*s/%u %.*s%s\n", r.utc, int(r.facilityLen),

@@ -10,7 +10,7 @@
 namespace Flitlog {
 
 class Ring final : public Kel::TraceSink {
-public:
+ public:
    static constexpr std::size_t facilityCapacity = 15;
    static constexpr std::size_t textCapacity = 239;
 
@@ -25,7 +25,7 @@ public:
    // that it can run from a fatal-signal handler.
    void dump(int fd) const;
 
-private:
+ private:
    struct Record {
       double utc;
       Kel::U8 level;

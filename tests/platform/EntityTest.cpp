@@ -1,19 +1,18 @@
-#include "Kel/Entity.h"
-
 #include <gtest/gtest.h>
 
 #include <functional>
 #include <memory>
 
+#include "Kel/Entity.h"
 #include "Kel/Exception.h"
 
 namespace {
 
 // A small entity with one attribute and one keyed collection.
 class Widget : public Kel::Entity {
-public:
+ public:
    class Notifiee : public Kel::BaseNotifiee<Widget> {
-   public:
+    public:
       virtual void onColor() {}
       virtual void onPart(const Kel::Name&) {}
    };
@@ -26,7 +25,7 @@ public:
    void partDel(const Kel::Name& name) { entryDel(part_, name, &Notifiee::onPart); }
    void partDelAll() { entryDelAll(part_, &Notifiee::onPart); }
 
-private:
+ private:
    int color_ = 0;
    std::map<Kel::Name, int> part_;
 };
@@ -39,7 +38,7 @@ Kel::Ptr<Widget> activeWidget() {
 
 // Records what it is told and runs an optional disruption on each call.
 class Recorder : public Widget::Notifiee {
-public:
+ public:
    Recorder(const Kel::Ptr<Widget>& w, std::vector<Kel::String>* log, Kel::String tag)
        : log_(log), tag_(std::move(tag)) {
       notifierIs(w);
@@ -58,7 +57,7 @@ public:
 
    std::function<void()> disrupt;
 
-private:
+ private:
    std::vector<Kel::String>* log_;
    Kel::String tag_;
 };
@@ -92,9 +91,9 @@ TEST(Entity, CollectionNotifiesWithKeyOnChangeOnly) {
    w->partDel("b");
    w->partIs("c", 4);
    w->partDelAll();
-   EXPECT_EQ(log, (std::vector<Kel::String>{"r:part a=1", "r:part b=2", "r:part a=3",
-                                            "r:part b=gone", "r:part c=4", "r:part a=gone",
-                                            "r:part c=gone"}));
+   EXPECT_EQ(log,
+             (std::vector<Kel::String>{"r:part a=1", "r:part b=2", "r:part a=3", "r:part b=gone",
+                                       "r:part c=4", "r:part a=gone", "r:part c=gone"}));
 }
 
 TEST(Entity, ReactorDetachesWhenDestroyedAndCanBeRepointed) {
@@ -137,19 +136,22 @@ TEST(Entity, NotificationSurvivesDisruptionFromInside) {
         {"a:color=2", "c:color=2"}},
        {"destroy all reactors",
         [](auto& rs, auto&, auto*) {
-           for (auto& r : rs) r.reset();
+           for (auto& r : rs)
+              r.reset();
         },
         {"a:color=1"},
         {}},
        {"attach a new reactor: not called this round",
         [](auto& rs, auto& w, auto* log) {
-           if (rs.size() == 3) rs.push_back(std::make_unique<Recorder>(w, log, "d"));
+           if (rs.size() == 3)
+              rs.push_back(std::make_unique<Recorder>(w, log, "d"));
         },
         {"a:color=1", "b:color=1", "c:color=1"},
         {"a:color=2", "b:color=2", "c:color=2", "d:color=2"}},
        {"mutate the notifier again: nested round, then the outer one goes on",
         [](auto&, auto& w, auto*) {
-           if (w->color() == 1) w->colorIs(10);
+           if (w->color() == 1)
+              w->colorIs(10);
         },
         {"a:color=1", "a:color=10", "b:color=10", "c:color=10", "b:color=10", "c:color=10"},
         {"a:color=2", "b:color=2", "c:color=2"}},

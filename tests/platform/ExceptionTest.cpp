@@ -1,9 +1,8 @@
-#include "Kel/Exception.h"
-
 #include <gtest/gtest.h>
 
 #include <cerrno>
 
+#include "Kel/Exception.h"
 #include "Kel/Ptr.h"
 
 namespace {

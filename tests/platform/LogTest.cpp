@@ -1,12 +1,13 @@
-#include "Kel/Log.h"
-
 #include <gtest/gtest.h>
+
+#include "Kel/Log.h"
 
 namespace {
 
-const Kel::LogHandle exporterActive(
-    "FLOWTRACKING", "EXPORTER_ACTIVE", 6, "%s exporter %s in VRF %s, in %s flow tracker %s is active.",
-    "This exporter is ready to export packets.", Kel::LogHandle::noActionRequired, 0, 1.0, 0);
+const Kel::LogHandle exporterActive("FLOWTRACKING", "EXPORTER_ACTIVE", 6,
+                                    "%s exporter %s in VRF %s, in %s flow tracker %s is active.",
+                                    "This exporter is ready to export packets.",
+                                    Kel::LogHandle::noActionRequired, 0, 1.0, 0);
 
 TEST(Log, FormatsSyslogStyleLineAndCaptures) {
    Kel::LogCapture capture;

@@ -1,10 +1,9 @@
-#include "Bexa/TaskScheduler.h"
-
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <memory>
 
+#include "Bexa/TaskScheduler.h"
 #include "Kel/Exception.h"
 #include "Kel/System.h"
 #include "Kel/Trace.h"
@@ -15,7 +14,7 @@ using Bexa::Task;
 using Bexa::TaskPriority;
 
 class TaskSchedulerTest : public ::testing::Test {
-protected:
+ protected:
    // Records "name@time" (time relative to the start) whenever a task runs.
    std::unique_ptr<Task> task(const Kel::Name& name, int priority = 2,
                               std::function<void()> extra = {}) {

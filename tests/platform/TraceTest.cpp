@@ -1,8 +1,7 @@
-#include "Kel/Trace.h"
-
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "Kel/Trace.h"
 #include "Trace/Duplog.h"
 #include "Trace/Flitlog.h"
 
@@ -34,9 +33,8 @@ TEST(Trace, LevelFilteringAndCapture) {
    KEL_TRACE(traceTest, 3, "Created ExporterInfoSm for {}", "e1");
    KEL_TRACE(traceTest, 1, "Caught ErrnoException: {}", Expensive{&formatted});
    EXPECT_EQ(formatted, 1);
-   EXPECT_EQ(capture.lines(),
-             (std::vector<Kel::String>{"Created ExporterInfoSm for e1",
-                                       "Caught ErrnoException: expensive"}));
+   EXPECT_EQ(capture.lines(), (std::vector<Kel::String>{"Created ExporterInfoSm for e1",
+                                                        "Caught ErrnoException: expensive"}));
    EXPECT_EQ(capture.lines(1), (std::vector<Kel::String>{"Caught ErrnoException: expensive"}));
    EXPECT_TRUE(capture.contains("Created ExporterInfoSm for e1"));
 }
@@ -55,8 +53,12 @@ TEST(Trace, ConfigureParsesSpecsAndRejectsBadOnesWithoutChange) {
       const char* spec;
       bool ok;
    } cases[] = {
-       {"TraceTest/5", true},   {"Other/2,TraceTest/7", true}, {"TraceTest", false},
-       {"TraceTest/10", false}, {"/3", false},                 {"TraceTest/x", false},
+       {"TraceTest/5", true},
+       {"Other/2,TraceTest/7", true},
+       {"TraceTest", false},
+       {"TraceTest/10", false},
+       {"/3", false},
+       {"TraceTest/x", false},
        {"TraceTest/3,Bad", false},
    };
    for (const auto& c : cases) {
@@ -87,9 +89,9 @@ TEST(Flitlog, RingKeepsTheLastRecordsInOrder) {
       ring.write(Kel::TraceRecord{100.5, "Fac", 2, text});
    }
    ASSERT_EQ(ring.size(), 3u);
-   EXPECT_EQ(ring.lines(), (std::vector<Kel::String>{"100.500000 Fac/2 line 3",
-                                                     "100.500000 Fac/2 line 4",
-                                                     "100.500000 Fac/2 line 5"}));
+   EXPECT_EQ(ring.lines(),
+             (std::vector<Kel::String>{"100.500000 Fac/2 line 3", "100.500000 Fac/2 line 4",
+                                       "100.500000 Fac/2 line 5"}));
 
    const Kel::String longText(500, 'x');
    ring.write(Kel::TraceRecord{1.0, "Fac", 1, longText});

@@ -1,6 +1,6 @@
-#include "Kel/TypeRegistry.h"
-
 #include <gtest/gtest.h>
+
+#include "Kel/TypeRegistry.h"
 
 namespace {
 
