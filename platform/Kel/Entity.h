@@ -63,6 +63,19 @@ class Entity : public PtrInterface {
       }
       notify(onChange, key);
    }
+   // Returns the entry under `key`, first creating it with `make()` (and
+   // notifying) when there is none.
+   template <class K, class T, class N, class KeyParam, class Make>
+   Ptr<T> entryFindOrCreate(std::map<K, Ptr<T>>& collection, const K& key, Make&& make,
+                            void (N::*onChange)(KeyParam)) {
+      if (const auto it = collection.find(key); it != collection.end()) {
+         return it->second;
+      }
+      Ptr<T> created = make();
+      collection.emplace(key, created);
+      notify(onChange, key);
+      return created;
+   }
    template <class K, class V, class N, class KeyParam>
    void entryDel(std::map<K, V>& collection, const K& key, void (N::*onChange)(KeyParam)) {
       auto it = collection.find(key);
@@ -123,6 +136,22 @@ void Entity::notify(void (N::*onChange)(Params...), const Args&... args) const {
          std::apply([&](const auto&... a) { (static_cast<N*>(link)->*onChange)(a...); }, held);
       }
    }
+}
+
+// The entry of a keyed collection of pointers, or null.
+template <class Map>
+typename Map::mapped_type findEntry(const Map& collection, const typename Map::key_type& key) {
+   const auto it = collection.find(key);
+   return it == collection.end() ? nullptr : it->second;
+}
+
+// Creates an entity with notification already switched on, as every entity
+// that others observe must be.
+template <class T, class... Args>
+Ptr<T> makeActive(Args&&... args) {
+   Ptr<T> entity = makePtr<T>(std::forward<Args>(args)...);
+   entity->hasNotificationActiveIs(true);
+   return entity;
 }
 
 // Base of an entity's nested Notifiee. A reactor derives from E::Notifiee,

@@ -1,0 +1,191 @@
+#include "Nivel/UdpPam.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "Kel/Exception.h"
+#include "Kel/Trace.h"
+
+namespace Nivel {
+
+namespace {
+
+Kel::TraceHandle traceNivel("Nivel");
+
+UdpPam::Faults& faults() {
+   static UdpPam::Faults instance;
+   return instance;
+}
+
+int injected(const std::function<int(const UdpPam&)>& hook, const UdpPam& pam) {
+   return hook ? hook(pam) : 0;
+}
+
+// Room for a packet-info and a ToS/traffic-class control message of either
+// family.
+constexpr std::size_t controlSpace = CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof(int));
+
+// Appends one control message behind those already in msg's control buffer.
+template <class T>
+void addControl(msghdr& msg, int level, int type, const T& value) {
+   auto* at = reinterpret_cast<cmsghdr*>(static_cast<char*>(msg.msg_control) + msg.msg_controllen);
+   at->cmsg_level = level;
+   at->cmsg_type = type;
+   at->cmsg_len = CMSG_LEN(sizeof(T));
+   std::memcpy(CMSG_DATA(at), &value, sizeof(T));
+   msg.msg_controllen += CMSG_SPACE(sizeof(T));
+}
+
+}  // namespace
+
+void UdpPam::faultsIs(Faults f) {
+   faults() = std::move(f);
+}
+
+Kel::Ptr<UdpPam> UdpPam::UdpPamIs(const Kel::Name& name) {
+   return Kel::makePtr<UdpPam>(name);
+}
+
+UdpPam::UdpPam(Kel::Name name) : name_(std::move(name)) {}
+
+UdpPam::~UdpPam() {
+   close();
+}
+
+void UdpPam::txPrioIs(Kel::U32 priority) {
+   txPrio_ = priority;
+   if (fd_ >= 0) {
+      const int value = static_cast<int>(priority);
+      if (setsockopt(fd_, SOL_SOCKET, SO_PRIORITY, &value, sizeof value) != 0) {
+         KEL_TRACE(traceNivel, 1, "{}: cannot set priority {}: {}", name_, priority,
+                   std::strerror(errno));
+      }
+   }
+}
+
+void UdpPam::modeIs(int mode) {
+   if (mode == 1 && fd_ < 0) {
+      open();
+   } else if (mode == 0) {
+      close();
+   }
+}
+
+void UdpPam::open() {
+   if (const int err = injected(faults().open, *this)) {
+      throw Kel::ErrnoException(err, "open " + name_);
+   }
+   const int family = ipv6En_ ? AF_INET6 : AF_INET;
+   const int fd = ::socket(family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+   if (fd < 0) {
+      throw Kel::ErrnoException(errno, "socket " + name_);
+   }
+   const auto fail = [&](const char* what) {
+      const int err = errno;
+      ::close(fd);
+      throw Kel::ErrnoException(err, Kel::String(what) + " " + name_);
+   };
+   const int one = 1;
+   const int prio = static_cast<int>(txPrio_);
+   if (setsockopt(fd, SOL_SOCKET, SO_PRIORITY, &prio, sizeof prio) != 0) {
+      fail("priority");
+   }
+   sockaddr_storage local{};
+   socklen_t len = 0;
+   if (ipv6En_) {
+      if (setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &one, sizeof one) != 0) {
+         fail("v6only");
+      }
+      auto* sin6 = reinterpret_cast<sockaddr_in6*>(&local);
+      sin6->sin6_family = AF_INET6;
+      sin6->sin6_addr = in6addr_any;
+      len = sizeof *sin6;
+   } else {
+      auto* sin = reinterpret_cast<sockaddr_in*>(&local);
+      sin->sin_family = AF_INET;
+      sin->sin_addr.s_addr = htonl(INADDR_ANY);
+      len = sizeof *sin;
+   }
+   if (::bind(fd, reinterpret_cast<sockaddr*>(&local), len) != 0) {
+      fail("bind");
+   }
+   len = sizeof local;
+   if (::getsockname(fd, reinterpret_cast<sockaddr*>(&local), &len) != 0) {
+      fail("getsockname");
+   }
+   rxPort_ = ntohs(ipv6En_ ? reinterpret_cast<sockaddr_in6*>(&local)->sin6_port
+                           : reinterpret_cast<sockaddr_in*>(&local)->sin_port);
+   fd_ = fd;
+}
+
+void UdpPam::close() {
+   if (fd_ >= 0) {
+      ::close(fd_);
+      fd_ = -1;
+      rxPort_ = 0;
+   }
+}
+
+Kel::String UdpPam::destinationString() const {
+   return ipv6En_ ? Ip6AndPort{txDstIp6Addr_, txPort_}.str()
+                  : IpAndPort{txDstIpAddr_, txPort_}.str();
+}
+
+bool UdpPam::tx(const Pkt& pkt) {
+   int err = fd_ < 0 ? EBADF : injected(faults().tx, *this);
+   if (err == 0) {
+      sockaddr_storage dst{};
+      socklen_t dstLen = 0;
+      alignas(cmsghdr) char control[controlSpace] = {};
+      iovec iov{const_cast<Kel::U8*>(pkt.data()), pkt.bytes()};
+      msghdr msg{};
+      msg.msg_name = &dst;
+      msg.msg_iov = &iov;
+      msg.msg_iovlen = 1;
+      msg.msg_control = control;
+      const int tos = txTos_;
+      if (ipv6En_) {
+         auto* sin6 = reinterpret_cast<sockaddr_in6*>(&dst);
+         sin6->sin6_family = AF_INET6;
+         sin6->sin6_addr = txDstIp6Addr_.in6Addr();
+         sin6->sin6_port = htons(txPort_);
+         dstLen = sizeof *sin6;
+         if (!txSrcIp6Addr_.isUnspecified()) {
+            in6_pktinfo info{};
+            info.ipi6_addr = txSrcIp6Addr_.in6Addr();
+            addControl(msg, IPPROTO_IPV6, IPV6_PKTINFO, info);
+         }
+         addControl(msg, IPPROTO_IPV6, IPV6_TCLASS, tos);
+      } else {
+         auto* sin = reinterpret_cast<sockaddr_in*>(&dst);
+         sin->sin_family = AF_INET;
+         sin->sin_addr = txDstIpAddr_.inAddr();
+         sin->sin_port = htons(txPort_);
+         dstLen = sizeof *sin;
+         if (!txSrcIpAddr_.isUnspecified()) {
+            in_pktinfo info{};
+            info.ipi_spec_dst = txSrcIpAddr_.inAddr();
+            addControl(msg, IPPROTO_IP, IP_PKTINFO, info);
+         }
+         addControl(msg, IPPROTO_IP, IP_TOS, tos);
+      }
+      msg.msg_namelen = dstLen;
+      if (::sendmsg(fd_, &msg, 0) >= 0) {
+         ++txPkts_;
+         txBytes_ += pkt.bytes();
+         return true;
+      }
+      err = errno;
+   }
+   ++txErrors_;
+   lastTxErrno_ = err;
+   KEL_TRACE(traceNivel, 1, "{}: send to {} failed: {}", name_, destinationString(),
+             std::strerror(err));
+   return false;
+}
+
+}  // namespace Nivel

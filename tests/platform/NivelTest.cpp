@@ -1,0 +1,133 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "Kel/Exception.h"
+#include "Nivel/Addr.h"
+#include "Nivel/UdpPam.h"
+#include "support/UdpReceiver.h"
+
+namespace {
+
+TEST(NivelAddr, ParsesAndPrintsTextForms) {
+   const struct {
+      const char* text;
+      bool valid;
+      const char* canonical;
+   } cases[] = {
+       {"192.0.2.1:4739", true, "192.0.2.1:4739"},
+       {"[2001:db8::1]:2055", true, "[2001:db8::1]:2055"},
+       {"[2001:0db8:0:0:0:0:0:1]:1", true, "[2001:db8::1]:1"},
+       {"192.0.2.1:65536", false, ""},
+       {"192.0.2.1:", false, ""},
+       {"192.0.2:80", false, ""},
+       {"2001:db8::1:80", false, ""},
+       {"[192.0.2.1]:80", false, ""},
+       {"[::1]:x", false, ""},
+   };
+   for (const auto& c : cases) {
+      SCOPED_TRACE(c.text);
+      const auto v4 = Nivel::IpAndPort::parse(c.text);
+      const auto v6 = Nivel::Ip6AndPort::parse(c.text);
+      EXPECT_EQ(v4.has_value() || v6.has_value(), c.valid);
+      if (v4) {
+         EXPECT_EQ(v4->str(), c.canonical);
+      }
+      if (v6) {
+         EXPECT_EQ(v6->str(), c.canonical);
+      }
+   }
+   EXPECT_EQ(Nivel::IpAddr::parse("10.1.2.3")->value(), 0x0a010203u);
+   EXPECT_TRUE(Nivel::IpGenAddr::parse("::ffff:10.1.2.3").has_value());
+   EXPECT_FALSE(Nivel::IpGenAddr::parse("10.1.2.3.4").has_value());
+   EXPECT_EQ(fmt::format("{}", Nivel::IpGenAddr(*Nivel::Ip6Addr::parse("fe80::1"))), "fe80::1");
+}
+
+Kel::Ptr<Nivel::Pkt> payload(const char* text) {
+   auto pkt = Nivel::Pkt::pktNew(64);
+   std::memcpy(pkt->append(static_cast<Kel::U32>(std::strlen(text))), text, std::strlen(text));
+   return pkt;
+}
+
+TEST(UdpPam, SendsFromSourceWithTosToEachFamily) {
+   const struct {
+      bool ipv6;
+      const char* source;
+      int tos;
+   } cases[] = {{false, "127.0.0.5", 0xb8}, {true, "::1", 0xb8}, {false, "0.0.0.0", 0x20}};
+   for (const auto& c : cases) {
+      SCOPED_TRACE(c.source);
+      TestSupport::UdpReceiver receiver(c.ipv6);
+      auto pam = Nivel::UdpPam::UdpPamIs(c.ipv6 ? "udpPam6-t-e" : "udpPam4-t-e");
+      pam->ipv6EnIs(c.ipv6);
+      pam->txPrioIs(2);
+      pam->modeIs(1);
+      ASSERT_GE(pam->fd(), 0);
+      ASSERT_NE(pam->rxPort(), 0);
+      if (c.ipv6) {
+         pam->txSrcIp6AddrIs(*Nivel::Ip6Addr::parse(c.source));
+         pam->txDstIp6AddrIs(receiver.ip6AndPort().ip);
+      } else {
+         pam->txSrcIpAddrIs(*Nivel::IpAddr::parse(c.source));
+         pam->txDstIpAddrIs(receiver.ipAndPort().ip);
+      }
+      pam->txPortIs(receiver.port());
+      pam->txTosIs(static_cast<Nivel::DscpValue>(c.tos));
+      EXPECT_TRUE(pam->tx(*payload("ipfix")));
+
+      const auto d = receiver.receive();
+      ASSERT_TRUE(d.has_value());
+      EXPECT_EQ(std::string(d->payload.begin(), d->payload.end()), "ipfix");
+      const auto expectedSource = std::string(c.source) == "0.0.0.0" ? "127.0.0.1" : c.source;
+      EXPECT_EQ(d->source.str(), expectedSource);
+      EXPECT_EQ(d->sourcePort, pam->rxPort());
+      EXPECT_EQ(d->tos, c.tos);
+      EXPECT_EQ(pam->txPkts(), 1u);
+      EXPECT_EQ(pam->txBytes(), 5u);
+
+      pam->modeIs(0);
+      EXPECT_EQ(pam->fd(), -1);
+      EXPECT_EQ(pam->rxPort(), 0);
+   }
+}
+
+TEST(UdpPam, FailuresAreCountedNotThrown) {
+   TestSupport::UdpReceiver receiver(false);
+   auto pam = Nivel::UdpPam::UdpPamIs("udpPam4-x");
+   pam->txDstIpAddrIs(receiver.ipAndPort().ip);
+   pam->txPortIs(receiver.port());
+   EXPECT_FALSE(pam->tx(*payload("closed")));
+   EXPECT_EQ(pam->lastTxErrno(), EBADF);
+
+   pam->modeIs(1);
+   Nivel::UdpPam::faultsIs(
+       {.open = {}, .tx = [](const Nivel::UdpPam& p) { return p.txPort() == 9 ? ENOBUFS : 0; }});
+   pam->txPortIs(9);
+   EXPECT_FALSE(pam->tx(*payload("dropped")));
+   EXPECT_EQ(pam->lastTxErrno(), ENOBUFS);
+   pam->txPortIs(receiver.port());
+   EXPECT_TRUE(pam->tx(*payload("kept")));
+   Nivel::UdpPam::faultsIs({});
+   EXPECT_EQ(pam->txErrors(), 2u);
+   EXPECT_EQ(pam->txPkts(), 1u);
+   ASSERT_EQ(receiver.receiveAll().size(), 1u);
+}
+
+TEST(UdpPam, OpenFailureThrowsAndLeavesItClosed) {
+   Nivel::UdpPam::faultsIs({.open = [](const Nivel::UdpPam&) { return EMFILE; }, .tx = {}});
+   auto pam = Nivel::UdpPam::UdpPamIs("udpPam4-fail");
+   try {
+      pam->modeIs(1);
+      ADD_FAILURE() << "open did not fail";
+   } catch (const Kel::ErrnoException& e) {
+      EXPECT_EQ(e.errnoValue(), EMFILE);
+   }
+   Nivel::UdpPam::faultsIs({});
+   EXPECT_EQ(pam->mode(), 0);
+   EXPECT_EQ(pam->rxPort(), 0);
+   pam->modeIs(1);
+   EXPECT_EQ(pam->mode(), 1);
+}
+
+}  // namespace
