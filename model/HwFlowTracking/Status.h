@@ -17,9 +17,9 @@ using TemplateId = Kel::U16;
 // One field of a flow-group record (or of an options template): its kind,
 // where it stands, how long it is and whether it is a flow key.
 class FtTemplateEntry : public Kel::Entity {
-public:
+ public:
    class Notifiee : public Kel::BaseNotifiee<FtTemplateEntry> {
-   public:
+    public:
       virtual void onFieldLen() {}
       virtual void onEnterpriseIe() {}
       virtual void onFlowKey() {}
@@ -38,7 +38,7 @@ public:
    bool flowKey() const { return flowKey_; }
    void flowKeyIs(bool v) { attributeIs(flowKey_, v, &Notifiee::onFlowKey); }
 
-private:
+ private:
    Kel::U32 position_;
    Ipfix::RecordType fieldId_;
    Kel::U32 fieldLen_ = 0;
@@ -49,9 +49,9 @@ private:
 // One flow group: the layout of the records the hardware exports for it.
 // `genId` moves whenever the hardware rewrites the layout.
 class FgStatus : public Kel::Entity {
-public:
+ public:
    class Notifiee : public Kel::BaseNotifiee<FgStatus> {
-   public:
+    public:
       virtual void onFieldCount() {}
       virtual void onEntryCount() {}
       virtual void onGenId() {}
@@ -84,7 +84,7 @@ public:
    }
    void templateEntryDelAll() { entryDelAll(templateEntry_, &Notifiee::onTemplateEntry); }
 
-private:
+ private:
    TemplateId templateId_;
    Kel::U16 fieldCount_ = 0;
    Kel::U32 entryCount_ = 0;
@@ -94,9 +94,9 @@ private:
 
 // One tracker as the hardware runs it.
 class FtStatus : public Kel::Entity {
-public:
+ public:
    class Notifiee : public Kel::BaseNotifiee<FtStatus> {
-   public:
+    public:
       virtual void onActiveInterval() {}
       virtual void onInactiveTimeout() {}
       virtual void onHwFgStatus(TemplateId) {}
@@ -124,7 +124,7 @@ public:
    void hwFgStatusDel(TemplateId id) { entryDel(hwFgStatus_, id, &Notifiee::onHwFgStatus); }
    void hwFgStatusDelAll() { entryDelAll(hwFgStatus_, &Notifiee::onHwFgStatus); }
 
-private:
+ private:
    Kel::Name name_;
    Kel::Seconds activeInterval_ = 300;
    Kel::Seconds inactiveTimeout_ = 15;
@@ -133,9 +133,9 @@ private:
 
 // All trackers of one flow-tracking type, and the sampling they share.
 class Status : public Kel::Entity {
-public:
+ public:
    class Notifiee : public Kel::BaseNotifiee<Status> {
-   public:
+    public:
       virtual void onSampleRate() {}
       virtual void onHwFtStatus(const Kel::Name&) {}
    };
@@ -155,7 +155,7 @@ public:
       entryDel(hwFtStatus_, name, &Notifiee::onHwFtStatus);
    }
 
-private:
+ private:
    Kel::U32 sampleRate_ = 1;
    std::map<Kel::Name, Kel::Ptr<FtStatus>> hwFtStatus_;
 };

@@ -53,6 +53,15 @@ void checkConstructorParam(const char* attribute, const T& newValue, const T& cu
 
 }  // namespace Kel
 
+// For an assertion whose message must read differently from the code that
+// checks it (a condition phrased in the terms of the caller's data).
+#define KEL_ASSERT_TEXT(cond, text)         \
+   do {                                     \
+      if (!(cond)) [[unlikely]] {           \
+         throw ::Kel::AssertionError(text); \
+      }                                     \
+   } while (0)
+
 #define KEL_ASSERT(cond)                     \
    do {                                      \
       if (!(cond)) [[unlikely]] {            \
