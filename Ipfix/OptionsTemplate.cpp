@@ -2,6 +2,7 @@
 
 #include "Kel/Exception.h"
 #include "Kel/Trace.h"
+#include "Nivel/IpfixHeader.h"
 
 namespace FlowTracking {
 
@@ -47,6 +48,17 @@ Kel::U32 getTemplateEntryLength(const OptionsTemplate& t) {
       }
    }
    return length;
+}
+
+Kel::U32 writeFieldSpecifier(const Kel::Ptr<Nivel::Pkt>& pkt, Kel::U32 offset,
+                             const FtTemplateEntry& entry) {
+   Nivel::FieldSpecifier spec(pkt, offset);
+   spec.elementIdIs(entry.enterpriseIe(), static_cast<Kel::U16>(entry.fieldId()));
+   spec.fieldLengthIs(static_cast<Kel::U16>(entry.fieldLen()));
+   if (entry.enterpriseIe()) {
+      spec.enterpriseNumberIs(Ipfix::enterpriseNumber);
+   }
+   return offset + spec.wireLen();
 }
 
 void updateFieldInfo(const Ipfix::ElementIdColl& eic, FtTemplateEntry& entry) {

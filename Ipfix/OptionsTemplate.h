@@ -4,6 +4,7 @@
 
 #include "HwFlowTracking/Status.h"
 #include "Ipfix/Ipfix.h"
+#include "Nivel/Pkt.h"
 
 namespace FlowTracking {
 
@@ -83,6 +84,13 @@ Kel::U32 getTemplateEntryLength(const OptionsTemplate& templateEntry);
 
 // Octets of one field specifier: 8 with an enterprise number, else 4.
 Kel::U32 fieldSpecifierLength(const FtTemplateEntry& entry);
+
+// Writes the field specifier of `entry` at `offset` of the packet's data:
+// enterprise bit, element id, the low 16 bits of the length and, for an
+// enterprise-specific element, our enterprise number. Returns the offset
+// behind it.
+Kel::U32 writeFieldSpecifier(const Kel::Ptr<Nivel::Pkt>& pkt, Kel::U32 offset,
+                             const FtTemplateEntry& entry);
 
 // Completes a template entry's length and enterprise flag from the catalogue.
 void updateFieldInfo(const Ipfix::ElementIdColl& eic, FtTemplateEntry& field);

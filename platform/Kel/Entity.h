@@ -156,18 +156,19 @@ Ptr<T> makeActive(Args&&... args) {
 
 // Base of an entity's nested Notifiee. A reactor derives from E::Notifiee,
 // points itself at its notifier with notifierIs() once it is fully built, and
-// is detached when destroyed. It holds a counted pointer to the notifier.
+// is detached when destroyed. It holds a counted pointer to the notifier,
+// read-only: observing an entity never needs to change it.
 template <class E>
 class BaseNotifiee : public NotifieeLink {
- public:
+public:
    BaseNotifiee() = default;
    BaseNotifiee(const BaseNotifiee&) = delete;
    BaseNotifiee& operator=(const BaseNotifiee&) = delete;
    virtual ~BaseNotifiee() { notifierIs(nullptr); }
 
-   const Ptr<E>& notifier() const noexcept { return notifier_; }
+   const Ptr<const E>& notifier() const noexcept { return notifier_; }
 
-   void notifierIs(const Ptr<E>& notifier) {
+   void notifierIs(const Ptr<const E>& notifier) {
       if (notifier == notifier_) {
          return;
       }
@@ -180,9 +181,9 @@ class BaseNotifiee : public NotifieeLink {
       }
    }
 
- private:
-   static const Entity* asEntity(const Ptr<E>& p) { return p.ptr(); }
-   Ptr<E> notifier_;
+private:
+   static const Entity* asEntity(const Ptr<const E>& p) { return p.ptr(); }
+   Ptr<const E> notifier_;
 };
 
 }  // namespace Kel

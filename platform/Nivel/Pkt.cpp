@@ -35,4 +35,17 @@ Kel::U8* Pkt::prepend(Kel::U32 n) {
    return data();
 }
 
+Kel::String hexDump(const Pkt& pkt) {
+   static constexpr char digits[] = "0123456789abcdef";
+   Kel::String out;
+   out.reserve(pkt.bytes() * 3 + pkt.bytes() / 16 + 1);
+   for (Kel::U32 i = 0; i < pkt.bytes(); ++i) {
+      const Kel::U8 octet = pkt.data()[i];
+      out += i % 16 == 0 ? '\n' : ' ';
+      out += digits[octet >> 4];
+      out += digits[octet & 0xf];
+   }
+   return out;
+}
+
 }  // namespace Nivel

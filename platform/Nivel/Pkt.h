@@ -58,4 +58,7 @@ class Pkt : public Kel::PtrInterface {
    Kel::U32 bytes_ = 0;
 };
 
+// The packet's data as hex octets, 16 to a line, for traces.
+Kel::String hexDump(const Pkt& pkt);
+
 }  // namespace Nivel

@@ -181,10 +181,10 @@ TEST(Entity, NotificationSurvivesDisruptionFromInside) {
 
 TEST(Entity, ReactorHoldingLastReferenceMayDieDuringNotification) {
    std::vector<Kel::String> log;
-   auto r = std::make_unique<Recorder>(activeWidget(), &log, "only");
-   Kel::Ptr<Widget> w = r->notifier();
-   r->disrupt = [&] { r.reset(); };
+   auto w = activeWidget();
    Widget* raw = w.ptr();
+   auto r = std::make_unique<Recorder>(w, &log, "only");
+   r->disrupt = [&] { r.reset(); };
    w = nullptr;  // the reactor now holds the last reference
    raw->colorIs(3);
    EXPECT_EQ(r, nullptr);

@@ -1,0 +1,132 @@
+#pragma once
+
+#include <map>
+#include <memory>
+
+#include "Bexa/TaskScheduler.h"
+#include "HwFlowTracking/Config.h"
+#include "HwFlowTracking/Status.h"
+#include "Ipfix/CollectorStats.h"
+#include "Ipfix/FlowTrackerInfoSm.h"
+#include "Nivel/Pkt.h"
+
+namespace FlowTracking {
+
+using HwFlowTracking::TemplateId;
+
+// What the data-template and the options-template exporters of one (tracker,
+// exporter) have in common: the derived class writes the body of one template
+// set into a packet from getPkt(); this base puts the message and set headers
+// around it and sends it to every IPv4 and IPv6 collector of the exporter,
+// when the template changes, at once to a collector that is added, and every
+// templateInterval, with statistics and the exporter's local ports recorded.
+class TemplateExporterSmBase : public Kel::PtrInterface {
+public:
+   ~TemplateExporterSmBase() override;
+
+   const Kel::Name& ftName() const { return ftName_; }
+   const Kel::Name& expName() const { return expName_; }
+   FtId ftId() const { return ftId_; }
+   const Kel::Ptr<const HwFlowTracking::ExporterConfig>& hwExpConfig() const { return hwExpConfig_; }
+   const Kel::Ptr<ExporterInfo>& expInfo() const { return expInfo_; }
+   const Kel::Ptr<Vorpa::Ipfix::CollectorStatistics>& collStats() const { return collStats_; }
+   const Kel::Ptr<Bexa::TaskScheduler>& scheduler() const { return scheduler_; }
+
+   // The collectors currently served.
+   const std::map<Kel::String, Nivel::IpAndPort>& collectorIpAndPort() const {
+      return collectorIpAndPort_;
+   }
+   const std::map<Kel::String, Nivel::Ip6AndPort>& collectorIp6AndPort() const {
+      return collectorIp6AndPort_;
+   }
+
+   // The finished template message, while templateReady.
+   const Kel::Ptr<Nivel::Pkt>& templatePkt() const { return templatePkt_; }
+   Kel::U16 templatePktMsgLen() const { return templatePktMsgLen_; }
+   Kel::U16 templatePktTemplateCount() const { return templatePktTemplateCount_; }
+   bool templateReady() const { return templateReady_; }
+   const std::map<TemplateId, Kel::U32>& templateLen() const { return templateLen_; }
+   // Export time last written for a collector; 0 when none.
+   Kel::U32 exportTimeU32(const Kel::String& collector) const;
+   Kel::U32 templateTxCount() const { return templateTxCount_; }
+   const Bexa::Task* periodicTemplateTxTask() const { return periodicTemplateTxTask_.get(); }
+
+   // What the derived class is; the base's own must never be called.
+   virtual Kel::String taskPrefix() const;
+   virtual Kel::U16 headerSetId() const;
+   // Called after each send to `collector`.
+   virtual void updateCollectorOnTx(const Kel::String& collector);
+
+   void handleCollectorIpAndPort(const Kel::String& collector);
+   void handleCollectorIp6AndPort(const Kel::String& collector);
+   void handleTemplateInterval();
+   void handlePeriodicTemplateTx();
+   // Removes the statistics of every collector served; run before deletion.
+   void handleDel();
+
+protected:
+   TemplateExporterSmBase(Kel::Name ftName, Kel::Name expName, FtId ftId,
+                          Kel::Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig,
+                          Kel::Ptr<ExporterInfo> expInfo,
+                          Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> collStats,
+                          Kel::Ptr<Bexa::TaskScheduler> scheduler);
+
+   // First thing of the derived class's start-up, once it is fully built.
+   void handleStartup();
+   // A task named after the derived class, the tracker and the exporter.
+   std::unique_ptr<Bexa::Task> newTask(const Kel::String& role, Bexa::Task::Action action) const;
+
+   // A packet with room for the headers in front and `bodyLen` zeroed octets
+   // of set body, which the derived class fills.
+   Kel::Ptr<Nivel::Pkt> getPkt(Kel::U32 bodyLen) const;
+   // Takes the body built in `pkt`, writes the headers and sends it.
+   void finishMessage(const Kel::Ptr<Nivel::Pkt>& pkt, Kel::U16 templateCount);
+   // No message to send: stops the periodic resend.
+   void templateReadyIs(bool ready);
+
+   void templateLenIs(TemplateId id, Kel::U32 len) { templateLen_[id] = len; }
+   void templateLenDel(TemplateId id) { templateLen_.erase(id); }
+   void templateLenDelAll() { templateLen_.clear(); }
+
+private:
+   class HwExpConfigReactor;
+   class ExpInfoReactor;
+
+   void addIpfixHeaders_();
+   void updateMsgHeader_(const Kel::String& collector);
+   void maybeTxTemplate_();
+   void maybeTxTemplate4_();
+   void maybeTxTemplate6_();
+   void doTxTemplate4_(const Nivel::IpAndPort& dst, const Kel::String& collector);
+   void doTxTemplate6_(const Nivel::Ip6AndPort& dst, const Kel::String& collector);
+   void afterFamilyRound_(bool& sending, bool otherSending);
+   void schedulePeriodicTemplateTx_();
+   void stopPeriodicTemplateTx_();
+   void updateStats(const Vorpa::Ipfix::CollectorInfo& collector);
+   void statsDel(const Vorpa::Ipfix::CollectorInfo& collector);
+
+   const Kel::Name ftName_;
+   const Kel::Name expName_;
+   const FtId ftId_;
+   const Kel::Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig_;
+   const Kel::Ptr<ExporterInfo> expInfo_;
+   const Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> collStats_;
+   const Kel::Ptr<Bexa::TaskScheduler> scheduler_;
+
+   std::map<Kel::String, Nivel::IpAndPort> collectorIpAndPort_;
+   std::map<Kel::String, Nivel::Ip6AndPort> collectorIp6AndPort_;
+   Kel::Ptr<Nivel::Pkt> templatePkt_;
+   Kel::U16 templatePktMsgLen_ = 0;
+   Kel::U16 templatePktTemplateCount_ = 0;
+   std::map<TemplateId, Kel::U32> templateLen_;
+   bool templateReady_ = false;
+   std::map<Kel::String, Kel::U32> exportTimeU32_;
+   Kel::U32 templateTxCount_ = 0;
+   bool sending4_ = false;
+   bool sending6_ = false;
+   std::unique_ptr<Bexa::Task> periodicTemplateTxTask_;
+   std::unique_ptr<HwExpConfigReactor> hwExpConfigReactor_;
+   std::unique_ptr<ExpInfoReactor> expInfoReactor_;
+};
+
+}  // namespace FlowTracking
