@@ -51,6 +51,22 @@ void checkConstructorParam(const char* attribute, const T& newValue, const T& cu
    }
 }
 
+// A mutator was handed a null object where the collection needs one.
+class NullMutatorArgException : public Exception {
+ public:
+   using Exception::Exception;
+};
+
+// Throws NullMutatorArgException, before anything changes, when the pointer
+// `arg` of the mutator of `attribute` ("Class::attribute") is null.
+template <class P>
+void checkMutatorArg(const P& arg, const char* param, const char* attribute) {
+   if (!arg) {
+      throw NullMutatorArgException(
+          fmt::format("null _{} parameter to mutator for {} not allowed", param, attribute));
+   }
+}
+
 }  // namespace Kel
 
 // For an assertion whose message must read differently from the code that

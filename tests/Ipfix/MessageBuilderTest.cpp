@@ -1,0 +1,284 @@
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <vector>
+
+#include "Ipfix/MessageBuilder.h"
+#include "Kel/Exception.h"
+#include "Kel/System.h"
+#include "support/FixbufReader.h"
+
+namespace {
+
+using Bytes = std::vector<Kel::U8>;
+using FlowTracking::MessageBuilder;
+
+constexpr Kel::U32 odid = 0x0A0B0C0D;
+
+Bytes operator+(Bytes a, const Bytes& b) {
+   a.insert(a.end(), b.begin(), b.end());
+   return a;
+}
+Bytes be16(Kel::U16 v) {
+   return {Kel::U8(v >> 8), Kel::U8(v)};
+}
+Bytes be32(Kel::U32 v) {
+   return be16(Kel::U16(v >> 16)) + be16(Kel::U16(v));
+}
+// A message header as finalizeMsg leaves it: export time and sequence 0.
+Bytes msgHeader(Kel::U16 length) {
+   return be16(10) + be16(length) + be32(0) + be32(0) + be32(odid);
+}
+Bytes setHeader(Kel::U16 setId, Kel::U16 length) {
+   return be16(setId) + be16(length);
+}
+std::string record(char fill, std::size_t len) {
+   return std::string(len, fill);
+}
+Bytes bytesOf(const std::string& s) {
+   return Bytes(s.begin(), s.end());
+}
+Bytes wire(const Kel::Ptr<Nivel::Pkt>& pkt) {
+   return Bytes(pkt->data(), pkt->data() + pkt->bytes());
+}
+
+std::string assertionText(const std::function<void()>& f) {
+   try {
+      f();
+   } catch (const Kel::AssertionError& e) {
+      return e.what();
+   }
+   return "(no assertion)";
+}
+
+// Everything a failed add must leave as it was.
+struct BuilderState {
+   Kel::U32 offset, recordCount;
+   Kel::U16 setLen, setId;
+   const void* setHdr;
+   Bytes octets;
+   bool operator==(const BuilderState&) const = default;
+};
+BuilderState stateOf(const MessageBuilder& b) {
+   return {b.offset(), b.recordCount(), b.setLen(), b.setId(), b.setHdr().ptr(), wire(b.pkt())};
+}
+
+struct Add {
+   Kel::U16 setId;
+   std::string record;
+   Kel::U32 accepted;  // what addSetRecordStr must return
+};
+
+struct PackCase {
+   const char* name;
+   Kel::U16 maxSize;
+   std::vector<Add> adds;
+   Bytes wire;
+   Kel::U32 recordCount;
+};
+
+TEST(MessageBuilder, PacksRecordsIntoSetsByIdWithinMaxSize) {
+   const std::vector<PackCase> cases = {
+       {"records of one id share one set",
+        1452,
+        {{256, "ab", 2}, {256, "cde", 3}},
+        msgHeader(25) + setHeader(256, 9) + bytesOf("abcde"),
+        2},
+       {"ids A, B, A give three sets",
+        1452,
+        {{256, "ab", 2}, {300, "cde", 3}, {256, "f", 1}},
+        msgHeader(34) + setHeader(256, 6) + bytesOf("ab") + setHeader(300, 7) + bytesOf("cde") +
+            setHeader(256, 5) + bytesOf("f"),
+        3},
+       {"fills exactly to maxSize, then refuses one octet more",
+        100,
+        {{256, record('a', 60), 60}, {256, record('b', 20), 20}, {256, "c", 0}},
+        msgHeader(100) + setHeader(256, 84) + bytesOf(record('a', 60) + record('b', 20)),
+        2},
+       {"a new set needs room for its header too",
+        100,
+        {{256, record('a', 60), 60}, {257, record('x', 17), 0}, {257, record('y', 16), 16}},
+        msgHeader(100) + setHeader(256, 64) + bytesOf(record('a', 60)) + setHeader(257, 20) +
+            bytesOf(record('y', 16)),
+        2},
+       {"a record refused as the first one leaves no set behind",
+        30,
+        {{256, record('z', 11), 0}, {256, record('a', 10), 10}},
+        msgHeader(30) + setHeader(256, 14) + bytesOf(record('a', 10)),
+        1},
+       {"the largest message: 65535 octets",
+        65535,
+        {{256, record('m', 65515), 65515}, {256, "n", 0}},
+        msgHeader(65535) + setHeader(256, 65519) + bytesOf(record('m', 65515)),
+        1},
+   };
+   for (const auto& c : cases) {
+      SCOPED_TRACE(c.name);
+      auto builder = FlowTracking::messageBuilderFactory(c.maxSize, odid);
+      builder->startMsg();
+      for (const auto& add : c.adds) {
+         const BuilderState before = stateOf(*builder);
+         EXPECT_EQ(builder->addSetRecordStr(add.setId, add.record), add.accepted);
+         if (add.accepted == 0) {
+            EXPECT_TRUE(stateOf(*builder) == before) << "a refused record changed the builder";
+         }
+      }
+      const auto msg = builder->finalizeMsg();
+      EXPECT_EQ(wire(msg->msgHdr()->pkt()), c.wire);
+      EXPECT_EQ(msg->recordCount(), c.recordCount);
+      EXPECT_EQ(msg->msgHdr()->pkt()->buffer()->size(), c.maxSize) << "trimmed, not copied";
+   }
+}
+
+TEST(MessageBuilder, RecordLengthLimits) {
+   auto builder = FlowTracking::messageBuilderFactory(Kel::maxU16(), odid);
+   builder->startMsg();
+   builder->addSetRecordStr(256, "a");
+   const BuilderState before = stateOf(*builder);
+
+   // Below the limit, a record is judged by the room left.
+   EXPECT_EQ(builder->addSetRecordStr(256, record('b', 65534)), 0u);
+   EXPECT_TRUE(stateOf(*builder) == before);
+   EXPECT_EQ(assertionText([&] { builder->addSetRecordStr(256, record('c', 65535)); }),
+             "bytes < Kel::maxU16()");
+   EXPECT_TRUE(stateOf(*builder) == before);
+   // Opening a set, the record and set header are sized in 16 bits; a record
+   // that wraps there is caught before anything is copied past the buffer.
+   EXPECT_EQ(assertionText([&] { builder->addSetRecordStr(257, record('d', 65533)); }),
+             "builder->offset() + bytes <= builder->pktBufSize()");
+}
+
+TEST(MessageBuilder, MisuseIsAnAssertion) {
+   const struct {
+      const char* name;
+      std::function<void(MessageBuilder&)> misuse;
+      const char* text;
+   } cases[] = {
+       {"start twice", [](auto& b) { b.startMsg(), b.startMsg(); }, "!pkt()"},
+       {"add without a message", [](auto& b) { b.addSetRecordStr(256, "a"); }, "builder->pkt()"},
+       {"finalize without a message", [](auto& b) { b.finalizeMsg(); }, "pkt()"},
+       {"finalize without a set", [](auto& b) { b.startMsg(), b.finalizeMsg(); },
+        "offset() > IpfixConst::messageHeaderLen()"},
+       {"finalize twice",
+        [](auto& b) {
+           b.startMsg();
+           b.addSetRecordStr(256, "a");
+           b.finalizeMsg();
+           b.finalizeMsg();
+        },
+        "pkt()"},
+   };
+   for (const auto& c : cases) {
+      SCOPED_TRACE(c.name);
+      MessageBuilder builder(1452, odid);
+      EXPECT_EQ(assertionText([&] { c.misuse(builder); }), c.text);
+   }
+}
+
+TEST(MessageBuilder, FinishedMessageIsSharedAndStampedPerSend) {
+   Kel::ScopedManualClock clock(1000.0, 1700000000.75);
+   auto builder = FlowTracking::messageBuilderFactory(1452, odid);
+   EXPECT_EQ(builder->setId(), Kel::maxU16());
+   builder->startMsg();
+   EXPECT_EQ(builder->offset(), 16u);
+   EXPECT_EQ(builder->pktBufSize(), 1452u);
+   builder->addSetRecordStr(256, "abcd");
+   builder->addSetRecordStr(257, "ef");
+   const auto msg = builder->finalizeMsg();
+
+   // The builder is idle again and remembers the last set id.
+   EXPECT_FALSE(builder->pkt());
+   EXPECT_FALSE(builder->msg());
+   EXPECT_FALSE(builder->setHdr());
+   EXPECT_EQ(builder->offset(), 0u);
+   EXPECT_EQ(builder->recordCount(), 0u);
+   EXPECT_EQ(builder->setId(), 257);
+
+   const Bytes body = setHeader(256, 8) + bytesOf("abcd") + setHeader(257, 6) + bytesOf("ef");
+   const auto& hdr = *msg->msgHdr();
+   EXPECT_EQ(wire(hdr.pkt()), msgHeader(30) + body);
+
+   const Kel::Ptr<Nivel::Pkt> first = msg->pkt(7);
+   EXPECT_EQ(first, hdr.pkt()) << "the message's own packet, not a copy";
+   EXPECT_EQ(hdr.exportTime(), 1700000000u) << "whole seconds, fraction dropped";
+   EXPECT_EQ(hdr.seqNo(), 7u);
+
+   clock.advance(2.5);
+   EXPECT_EQ(msg->pkt(8), first);
+   EXPECT_EQ(wire(first), be16(10) + be16(30) + be32(1700000003) + be32(8) + be32(odid) + body);
+
+   // Building the next message leaves the finished one alone.
+   builder->startMsg();
+   builder->addSetRecordStr(256, "zzzz");
+   EXPECT_NE(builder->pkt()->buffer(), first->buffer());
+   builder->finalizeMsg();
+   EXPECT_EQ(wire(first), be16(10) + be16(30) + be32(1700000003) + be32(8) + be32(odid) + body);
+   EXPECT_EQ(MessageBuilder::calcOverhead(0), 16u);
+   EXPECT_EQ(MessageBuilder::calcOverhead(3), 28u);
+}
+
+// An interface-table record: 4-octet index, then the name in the short
+// variable-length form (one length octet).
+Kel::Ptr<const FlowTracking::DataRecord> intfRecord(Kel::U32 index, const std::string& name) {
+   auto r = FlowTracking::dataRecordFactory();
+   const Bytes octets = be32(index) + Bytes{Kel::U8(name.size())} + bytesOf(name);
+   r->append(octets.data(), Kel::U32(octets.size()));
+   return r;
+}
+// A flow-key record: template id, flow-key indicator.
+Kel::Ptr<const FlowTracking::DataRecord> flowKeyRecord(Kel::U16 templateId, Kel::U32 keys) {
+   const Bytes octets = be16(templateId) + be32(0) + be32(keys);
+   return FlowTracking::dataRecordFactory(std::string(octets.begin(), octets.end()));
+}
+
+TEST(MessageBuilder, LibfixbufDecodesWhatItBuilds) {
+   constexpr Kel::U16 intfSet = 0xFFFD;
+   constexpr Kel::U16 flowKeySet = 0xFFFE;
+   FixbufReader reader;
+   reader.templateIs(odid, intfSet, {{"ingressInterface", 4}, {"interfaceName", FB_IE_VARLEN}}, 1);
+   reader.templateIs(odid, flowKeySet, {{"templateId", 2}, {"flowKeyIndicator", 8}}, 1);
+
+   // Interface records in runs broken by flow-key records, so sets change id
+   // inside messages and at their boundaries.
+   std::vector<std::pair<Kel::U16, Kel::Ptr<const FlowTracking::DataRecord>>> input;
+   std::vector<FixbufReader::Record> expected;
+   for (Kel::U32 i = 0; i < 60; ++i) {
+      const std::string name = "Ethernet" + std::to_string(i / 4 + 1) + "/" + std::to_string(i % 4);
+      input.emplace_back(intfSet, intfRecord(1000 + i, name));
+      expected.push_back({intfSet, {std::uint64_t(1000 + i), name}});
+      if (i % 7 == 6) {
+         input.emplace_back(flowKeySet, flowKeyRecord(Kel::U16(256 + i), 0x80000000u | i));
+         expected.push_back({flowKeySet, {std::uint64_t(256 + i), std::uint64_t(0x80000000u | i)}});
+      }
+   }
+
+   Kel::ScopedManualClock clock(1000.0, 1700000123.0);
+   auto builder = FlowTracking::messageBuilderFactory(200, odid);
+   std::vector<Kel::Ptr<FlowTracking::Message>> messages;
+   builder->startMsg();
+   for (const auto& [setId, rec] : input) {
+      if (builder->addSetRecord(setId, rec) == 0) {
+         messages.push_back(builder->finalizeMsg());
+         builder->startMsg();
+         ASSERT_EQ(builder->addSetRecord(setId, rec), rec->dataLen());
+      }
+   }
+   messages.push_back(builder->finalizeMsg());
+   ASSERT_GT(messages.size(), 5u);
+
+   std::vector<FixbufReader::Record> decoded;
+   Kel::U32 seqNo = 0;
+   for (const auto& msg : messages) {
+      const auto& pkt = msg->pkt(seqNo);
+      EXPECT_LE(pkt->bytes(), 200u);
+      const auto records = reader.read(pkt->data(), pkt->bytes());
+      EXPECT_EQ(records.size(), msg->recordCount());
+      EXPECT_EQ(reader.exportTime(), 1700000123u);
+      EXPECT_EQ(reader.observationDomain(), odid);
+      decoded.insert(decoded.end(), records.begin(), records.end());
+      seqNo += msg->recordCount();
+   }
+   EXPECT_EQ(decoded, expected);
+}
+
+}  // namespace
