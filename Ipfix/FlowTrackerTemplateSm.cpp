@@ -21,19 +21,19 @@ constexpr Kel::U32 templateRecordHeaderLen = sizeof(Nivel::TemplateHeader::Wire)
 
 // Watches the tracker's flow groups coming and going.
 class FtExporterSm::FtStatusReactor : public HwFlowTracking::FtStatus::Notifiee {
-public:
+ public:
    FtStatusReactor(const Kel::Ptr<const HwFlowTracking::FtStatus>& s, FtExporterSm* sm) : sm_(sm) {
       notifierIs(s);
    }
    void onHwFgStatus(TemplateId id) override { sm_->handleHwFgStatus(id); }
 
-private:
+ private:
    FtExporterSm* sm_;
 };
 
 // Watches one flow group's layout; any change rebuilds the template set.
 class FtExporterSm::FgStatusReactor : public HwFlowTracking::FgStatus::Notifiee {
-public:
+ public:
    FgStatusReactor(const Kel::Ptr<const HwFlowTracking::FgStatus>& fg, FtExporterSm* sm) : sm_(sm) {
       notifierIs(fg);
    }
@@ -42,7 +42,7 @@ public:
    void onGenId() override { sm_->scheduleTemplateCreation(); }
    void onTemplateEntry(Kel::U32) override { sm_->scheduleTemplateCreation(); }
 
-private:
+ private:
    FtExporterSm* sm_;
 };
 
@@ -74,11 +74,14 @@ FtExporterSm::~FtExporterSm() {
    hwFgStatusDelAll();
 }
 
-Kel::U16 FtExporterSm::headerSetId() const { return Nivel::IpfixConst::templateSetId(); }
+Kel::U16 FtExporterSm::headerSetId() const {
+   return Nivel::IpfixConst::templateSetId();
+}
 
 void FtExporterSm::handleInitialized() {
    handleStartup();
-   templateCreationTask_ = newTask("TemplateCreationTask", [this] { handleTemplateCreationTask(); });
+   templateCreationTask_ =
+       newTask("TemplateCreationTask", [this] { handleTemplateCreationTask(); });
    ftStatusReactor_ = std::make_unique<FtStatusReactor>(hwFtStatus_, this);
    for (const auto& [id, fg] : hwFtStatus_->hwFgStatus()) {
       hwFgStatusIs(fg);
@@ -102,8 +105,9 @@ std::vector<TemplateId> FtExporterSm::hwFgStatus() const {
 }
 
 void FtExporterSm::hwFgStatusIs(const Kel::Ptr<const HwFlowTracking::FgStatus>& fg) {
-   KEL_ASSERT_TEXT(fg, "null _hwFgStatus parameter to mutator for FlowTracking::FtExporterSm::"
-                       "hwFgStatus not allowed");
+   KEL_ASSERT_TEXT(fg,
+                   "null _hwFgStatus parameter to mutator for FlowTracking::FtExporterSm::"
+                   "hwFgStatus not allowed");
    auto& reactor = hwFgStatus_[fg->templateId()];
    if (reactor) {
       reactor->notifierIs(fg);
@@ -192,8 +196,8 @@ void FtExporterSm::handleTemplateCreationTask() {
       }
       const Kel::U32 fgLength = getFgTemplateLength(*fg);
       templateLenIs(id, fgLength);
-      KEL_TRACE(traceIpfix, 3, "Template for {} has length: {}, and is at offset: {}", id,
-                fgLength, offset);
+      KEL_TRACE(traceIpfix, 3, "Template for {} has length: {}, and is at offset: {}", id, fgLength,
+                offset);
       offset = writeTemplateRecord(pkt, offset, *fg);
       ++records;
    }
@@ -204,22 +208,22 @@ void FtExporterSm::handleTemplateCreationTask() {
 // FtTemplateSm
 
 class FtTemplateSm::FtConfigReactor : public HwFlowTracking::FtConfig::Notifiee {
-public:
+ public:
    FtConfigReactor(const Kel::Ptr<const HwFlowTracking::FtConfig>& c, FtTemplateSm* sm) : sm_(sm) {
       notifierIs(c);
    }
    void onExpConfig(const Kel::Name& name) override { sm_->handleExporters(name); }
 
-private:
+ private:
    FtTemplateSm* sm_;
 };
 
 class FtTemplateSm::FtInfoReactor : public FlowTrackerInfo::Notifiee {
-public:
+ public:
    FtInfoReactor(const Kel::Ptr<FlowTrackerInfo>& i, FtTemplateSm* sm) : sm_(sm) { notifierIs(i); }
    void onExpInfo(const Kel::Name& name) override { sm_->handleExporters(name); }
 
-private:
+ private:
    FtTemplateSm* sm_;
 };
 
@@ -284,7 +288,7 @@ void checkExporterParams(const TemplateExporterSmBase& existing, FtId ftId,
 }  // namespace
 
 void FtTemplateSm::ftExporterSmIs(const Kel::Name& exporter, FtId ftId,
-                                  const Kel::Ptr<HwFlowTracking::ExporterConfig>& config,
+                                  const Kel::Ptr<const HwFlowTracking::ExporterConfig>& config,
                                   const Kel::Ptr<ExporterInfo>& expInfo) {
    if (const auto existing = ftExporterSm(exporter)) {
       checkExporterParams(*existing, ftId, config, expInfo, collStats_);
@@ -292,15 +296,15 @@ void FtTemplateSm::ftExporterSmIs(const Kel::Name& exporter, FtId ftId,
       Kel::checkConstructorParam("elementIdColl", elementIdColl_, existing->elementIdColl());
       return;
    }
-   ftExporterSm_[exporter] = Kel::makePtr<FtExporterSm>(name_, exporter, ftId, config, expInfo,
-                                                        collStats_, scheduler_, hwFtStatus_,
-                                                        elementIdColl_);
+   ftExporterSm_[exporter] = Kel::makePtr<FtExporterSm>(
+       name_, exporter, ftId, config, expInfo, collStats_, scheduler_, hwFtStatus_, elementIdColl_);
    KEL_TRACE(traceIpfix, 3, "Created FtExporterSm for {}", exporter);
 }
 
-void FtTemplateSm::optTemplateExporterSmIs(const Kel::Name& exporter, FtId ftId,
-                                           const Kel::Ptr<HwFlowTracking::ExporterConfig>& config,
-                                           const Kel::Ptr<ExporterInfo>& expInfo) {
+void FtTemplateSm::optTemplateExporterSmIs(
+    const Kel::Name& exporter, FtId ftId,
+    const Kel::Ptr<const HwFlowTracking::ExporterConfig>& config,
+    const Kel::Ptr<ExporterInfo>& expInfo) {
    if (const auto existing = optTemplateExporterSm(exporter)) {
       checkExporterParams(*existing, ftId, config, expInfo, collStats_);
       Kel::checkConstructorParam("optTemplateConfig", optTemplateConfig_,
@@ -329,34 +333,32 @@ void FtTemplateSm::exportersDel(const Kel::Name& exporter) {
 // TemplateSm
 
 class TemplateSm::FtInfoReactor : public FlowTrackingInfo::Notifiee {
-public:
+ public:
    FtInfoReactor(const Kel::Ptr<FlowTrackingInfo>& i, TemplateSm* sm) : sm_(sm) { notifierIs(i); }
    void onFtInfo(const Kel::Name& name) override { sm_->handleHwFtStatus(name); }
 
-private:
+ private:
    TemplateSm* sm_;
 };
 
 // The hardware status of a tracker may arrive after its configuration.
 class TemplateSm::StatusReactor : public HwFlowTracking::Status::Notifiee {
-public:
+ public:
    StatusReactor(const Kel::Ptr<const HwFlowTracking::Status>& s, TemplateSm* sm) : sm_(sm) {
       notifierIs(s);
    }
    void onHwFtStatus(const Kel::Name& name) override { sm_->handleHwFtStatus(name); }
 
-private:
+ private:
    TemplateSm* sm_;
 };
 
 class TemplateSm::ConfigReqReactor : public ConfigReq::Notifiee {
-public:
-   ConfigReqReactor(const Kel::Ptr<const ConfigReq>& r, TemplateSm* sm) : sm_(sm) {
-      notifierIs(r);
-   }
+ public:
+   ConfigReqReactor(const Kel::Ptr<const ConfigReq>& r, TemplateSm* sm) : sm_(sm) { notifierIs(r); }
    void onClearCounters() override { sm_->clearCounters(); }
 
-private:
+ private:
    TemplateSm* sm_;
 };
 
@@ -417,8 +419,8 @@ void TemplateSm::initOptTemplateConfig() {
    define("VrfTable", StaticTemplateId::vrfTable, {R::ingressVRFID}, {R::VRFname});
    define("FlowKey", StaticTemplateId::flowKey, {R::templateId}, {R::flowKeyIndicator});
    define("FlowTrackerTable", StaticTemplateId::flowTrackerTable, {R::observationDomainId},
-          {R::observationDomainName, R::flowActiveTimeout, R::flowIdleTimeout,
-           R::selectorAlgorithm, R::samplingSize, R::samplingPopulation, R::flowTrackingType});
+          {R::observationDomainName, R::flowActiveTimeout, R::flowIdleTimeout, R::selectorAlgorithm,
+           R::samplingSize, R::samplingPopulation, R::flowTrackingType});
    config->versionInc(1);
    optTemplateConfig_ = config;
 }
@@ -457,6 +459,19 @@ Kel::Ptr<TemplateSm> templateSmFactory(const Kel::Ptr<Bexa::TaskSchedulerRoot>& 
                                        const Kel::Ptr<const Ipfix::ElementIdColl>& elementIdColl) {
    return Kel::makePtr<TemplateSm>(schedulerRoot, flowTrackingConfigReq, hwStatus, hwConfig,
                                    collStats, flowTrackingInfo, elementIdColl);
+}
+
+}  // namespace FlowTracking
+
+namespace FlowTracking {
+
+void TemplateSm::clearCounters() {
+   const ClearCountersRequest& request = flowTrackingConfigReq_->clearCounters();
+   if (request.requestTime == 0) {
+      KEL_TRACE(traceIpfix, 3, "requestTime is zero");
+      return;
+   }
+   KEL_TRACE(traceIpfix, 3, "clear counters");
 }
 
 }  // namespace FlowTracking

@@ -13,7 +13,7 @@ namespace FlowTracking {
 // hardware flow groups and rebuilds the whole template set whenever one of
 // them changes.
 class FtExporterSm final : public TemplateExporterSmBase {
-public:
+ public:
    FtExporterSm(Kel::Name ftName, Kel::Name expName, FtId ftId,
                 Kel::Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig,
                 Kel::Ptr<ExporterInfo> expInfo,
@@ -41,7 +41,7 @@ public:
    Kel::U32 getFtTemplateLength() const;
    void handleTemplateCreationTask();
 
-private:
+ private:
    class FtStatusReactor;
    class FgStatusReactor;
 
@@ -65,7 +65,7 @@ Kel::U32 getFgTemplateLength(const HwFlowTracking::FgStatus& fg);
 // One tracker: the data-template and the options-template exporter of each
 // of its exporters.
 class FtTemplateSm : public Kel::PtrInterface {
-public:
+ public:
    FtTemplateSm(Kel::Name name, Kel::Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
                 Kel::Ptr<const HwFlowTracking::FtStatus> hwFtStatus,
                 Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> collStats,
@@ -92,15 +92,13 @@ public:
    Kel::Ptr<OptionsTemplateExporterSm> optTemplateExporterSm(const Kel::Name& name) const {
       return Kel::findEntry(optTemplateExporterSm_, name);
    }
-   const std::map<Kel::Name, Kel::Ptr<FtExporterSm>>& ftExporterSm() const {
-      return ftExporterSm_;
-   }
+   const std::map<Kel::Name, Kel::Ptr<FtExporterSm>>& ftExporterSm() const { return ftExporterSm_; }
 
    // Creates, keeps or deletes the two exporters of `exporter`: they exist
    // while the tracker's configuration and its status record both have it.
    void handleExporters(const Kel::Name& exporter);
 
-private:
+ private:
    class FtConfigReactor;
    class FtInfoReactor;
 
@@ -130,7 +128,7 @@ private:
 // per tracker that has configuration, status and a status record, and the
 // clearing of collector counters on request.
 class TemplateSm : public Kel::PtrInterface {
-public:
+ public:
    TemplateSm(Kel::Ptr<Bexa::TaskSchedulerRoot> schedulerRoot,
               Kel::Ptr<const ConfigReq> flowTrackingConfigReq,
               Kel::Ptr<const HwFlowTracking::Status> hwStatus,
@@ -146,15 +144,13 @@ public:
    Kel::Ptr<FtTemplateSm> ftTemplateSm(const Kel::Name& name) const {
       return Kel::findEntry(ftTemplateSm_, name);
    }
-   const std::map<Kel::Name, Kel::Ptr<FtTemplateSm>>& ftTemplateSm() const {
-      return ftTemplateSm_;
-   }
+   const std::map<Kel::Name, Kel::Ptr<FtTemplateSm>>& ftTemplateSm() const { return ftTemplateSm_; }
    bool initialized() const { return initialized_; }
 
    void handleHwFtStatus(const Kel::Name& tracker);
    void clearCounters();
 
-private:
+ private:
    class FtInfoReactor;
    class StatusReactor;
    class ConfigReqReactor;

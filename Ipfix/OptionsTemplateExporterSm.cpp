@@ -1,5 +1,6 @@
 #include "Ipfix/OptionsTemplateExporterSm.h"
 
+#include "Kel/Exception.h"
 #include "Kel/Trace.h"
 #include "Nivel/IpfixHeader.h"
 
@@ -10,14 +11,14 @@ Kel::TraceHandle traceIpfix("Ipfix");
 }
 
 class OptionsTemplateExporterSm::ConfigReactor : public OptionsTemplateConfig::Notifiee {
-public:
+ public:
    ConfigReactor(const Kel::Ptr<const OptionsTemplateConfig>& c, OptionsTemplateExporterSm* sm)
        : sm_(sm) {
       notifierIs(c);
    }
    void onVersion() override { sm_->handleOptTemplateConfigVersion(); }
 
-private:
+ private:
    OptionsTemplateExporterSm* sm_;
 };
 
@@ -41,7 +42,8 @@ Kel::U16 OptionsTemplateExporterSm::headerSetId() const {
 
 void OptionsTemplateExporterSm::handleInitialized() {
    handleStartup();
-   templateCreationTask_ = newTask("TemplateCreationTask", [this] { handleTemplateCreationTask(); });
+   templateCreationTask_ =
+       newTask("TemplateCreationTask", [this] { handleTemplateCreationTask(); });
    configReactor_ = std::make_unique<ConfigReactor>(optTemplateConfig_, this);
    templateCreationTask_->scheduleTask();
    initialized_ = true;
@@ -73,8 +75,9 @@ void OptionsTemplateExporterSm::handleOptTemplateConfigVersion() {
 
 void OptionsTemplateExporterSm::handleTemplateCreationTask() {
    if (!templateCreationTask_->taskCurrentlyRunning()) {
-      KEL_TRACE(traceIpfix, 4, "OptionsTemplateExporterSm::handleTemplateCreationTask for {} for {} "
-                               "(skipped)",
+      KEL_TRACE(traceIpfix, 4,
+                "OptionsTemplateExporterSm::handleTemplateCreationTask for {} for {} "
+                "(skipped)",
                 ftName(), expName());
       return;
    }

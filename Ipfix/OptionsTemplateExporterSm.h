@@ -8,7 +8,7 @@ namespace FlowTracking {
 // Sends the options templates of one flow-tracking type to every collector of
 // one exporter, and marks each collector it reached as ready for options data.
 class OptionsTemplateExporterSm final : public TemplateExporterSmBase {
-public:
+ public:
    OptionsTemplateExporterSm(Kel::Name ftName, Kel::Name expName, FtId ftId,
                              Kel::Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig,
                              Kel::Ptr<ExporterInfo> expInfo,
@@ -32,7 +32,7 @@ public:
    void handleOptTemplateConfigVersion();
    void handleTemplateCreationTask();
 
-private:
+ private:
    class ConfigReactor;
 
    void handleInitialized();

@@ -18,13 +18,16 @@ constexpr Kel::U32 headersLen =
 // Traces the whole message only at this level: a hex dump is costly.
 constexpr int hexDumpTraceLevel = 7;
 
-Kel::U32 utcSeconds() { return static_cast<Kel::U32>(Kel::System::currentTimeUtc()); }
+Kel::U32 utcSeconds() {
+   return static_cast<Kel::U32>(Kel::System::currentTimeUtc());
+}
 
 }  // namespace
 
 class TemplateExporterSmBase::HwExpConfigReactor : public HwFlowTracking::ExporterConfig::Notifiee {
-public:
-   HwExpConfigReactor(const Kel::Ptr<const HwFlowTracking::ExporterConfig>& c, TemplateExporterSmBase* sm)
+ public:
+   HwExpConfigReactor(const Kel::Ptr<const HwFlowTracking::ExporterConfig>& c,
+                      TemplateExporterSmBase* sm)
        : sm_(sm) {
       notifierIs(c);
    }
@@ -36,21 +39,21 @@ public:
    }
    void onTemplateInterval() override { sm_->handleTemplateInterval(); }
 
-private:
+ private:
    TemplateExporterSmBase* sm_;
 };
 
 // A socket opened after the template was built would otherwise wait for a
 // collector change: send as soon as the exporter can.
 class TemplateExporterSmBase::ExpInfoReactor : public ExporterInfo::Notifiee {
-public:
+ public:
    ExpInfoReactor(const Kel::Ptr<ExporterInfo>& e, TemplateExporterSmBase* sm) : sm_(sm) {
       notifierIs(e);
    }
    void onUdpPam4() override { sm_->maybeTxTemplate4_(); }
    void onUdpPam6() override { sm_->maybeTxTemplate6_(); }
 
-private:
+ private:
    TemplateExporterSmBase* sm_;
 };
 
@@ -89,9 +92,9 @@ Kel::U32 TemplateExporterSmBase::exportTimeU32(const Kel::String& collector) con
 
 std::unique_ptr<Bexa::Task> TemplateExporterSmBase::newTask(const Kel::String& role,
                                                             Bexa::Task::Action action) const {
-   return std::make_unique<Bexa::Task>(
-       scheduler_, taskPrefix() + "-" + role + "-" + ftName_ + "-" + expName_,
-       templateTaskPriority, std::move(action));
+   return std::make_unique<Bexa::Task>(scheduler_,
+                                       taskPrefix() + "-" + role + "-" + ftName_ + "-" + expName_,
+                                       templateTaskPriority, std::move(action));
 }
 
 void TemplateExporterSmBase::handleStartup() {
@@ -245,8 +248,9 @@ namespace {
 // its old address when it moved. Returns false when it is no longer
 // configured (and forgets it).
 template <class Dst, class ToInfo, class DropStats>
-bool trackCollector(std::map<Kel::String, Dst>& served, const std::map<Kel::String, Dst>& configured,
-                    const Kel::String& collector, ToInfo toInfo, DropStats dropStats) {
+bool trackCollector(std::map<Kel::String, Dst>& served,
+                    const std::map<Kel::String, Dst>& configured, const Kel::String& collector,
+                    ToInfo toInfo, DropStats dropStats) {
    const auto old = served.find(collector);
    const auto now = configured.find(collector);
    if (old != served.end() && (now == configured.end() || !(old->second == now->second))) {

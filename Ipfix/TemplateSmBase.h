@@ -21,13 +21,15 @@ using HwFlowTracking::TemplateId;
 // when the template changes, at once to a collector that is added, and every
 // templateInterval, with statistics and the exporter's local ports recorded.
 class TemplateExporterSmBase : public Kel::PtrInterface {
-public:
+ public:
    ~TemplateExporterSmBase() override;
 
    const Kel::Name& ftName() const { return ftName_; }
    const Kel::Name& expName() const { return expName_; }
    FtId ftId() const { return ftId_; }
-   const Kel::Ptr<const HwFlowTracking::ExporterConfig>& hwExpConfig() const { return hwExpConfig_; }
+   const Kel::Ptr<const HwFlowTracking::ExporterConfig>& hwExpConfig() const {
+      return hwExpConfig_;
+   }
    const Kel::Ptr<ExporterInfo>& expInfo() const { return expInfo_; }
    const Kel::Ptr<Vorpa::Ipfix::CollectorStatistics>& collStats() const { return collStats_; }
    const Kel::Ptr<Bexa::TaskScheduler>& scheduler() const { return scheduler_; }
@@ -64,7 +66,7 @@ public:
    // Removes the statistics of every collector served; run before deletion.
    void handleDel();
 
-protected:
+ protected:
    TemplateExporterSmBase(Kel::Name ftName, Kel::Name expName, FtId ftId,
                           Kel::Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig,
                           Kel::Ptr<ExporterInfo> expInfo,
@@ -88,7 +90,7 @@ protected:
    void templateLenDel(TemplateId id) { templateLen_.erase(id); }
    void templateLenDelAll() { templateLen_.clear(); }
 
-private:
+ private:
    class HwExpConfigReactor;
    class ExpInfoReactor;
 

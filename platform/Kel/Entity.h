@@ -160,7 +160,7 @@ Ptr<T> makeActive(Args&&... args) {
 // read-only: observing an entity never needs to change it.
 template <class E>
 class BaseNotifiee : public NotifieeLink {
-public:
+ public:
    BaseNotifiee() = default;
    BaseNotifiee(const BaseNotifiee&) = delete;
    BaseNotifiee& operator=(const BaseNotifiee&) = delete;
@@ -181,7 +181,7 @@ public:
       }
    }
 
-private:
+ private:
    static const Entity* asEntity(const Ptr<const E>& p) { return p.ptr(); }
    Ptr<const E> notifier_;
 };

@@ -1,8 +1,7 @@
-#include "Ipfix/OptionsTemplate.h"
-
 #include <gtest/gtest.h>
 
 #include "Ipfix/IpfixSm.h"
+#include "Ipfix/OptionsTemplate.h"
 #include "Kel/Exception.h"
 
 namespace {

@@ -11,7 +11,7 @@
 // we send is well formed and means what we intend comes from an independent
 // reading of RFC 7011.
 class FixbufTemplateReader {
-public:
+ public:
    struct Field {
       std::uint32_t enterprise;
       std::uint16_t element;
@@ -60,7 +60,7 @@ public:
       return Message{fBufGetExportTime(fbuf_), fbSessionGetDomain(session_), learnt_};
    }
 
-private:
+ private:
    static void onNewTemplate(fbSession_t*, std::uint16_t tid, fbTemplate_t* tmpl, void* self,
                              void**, fbTemplateCtxFree_fn*) {
       Template t{tid, static_cast<std::uint16_t>(fbTemplateGetOptionsScope(tmpl)), {}};

@@ -1,0 +1,50 @@
+#include "Ipfix/OptionsDataExporter.h"
+
+#include "Kel/Exception.h"
+
+namespace FlowTracking {
+
+void UpdateSetQueue::recordEnq(const DataRecordPtr& record) {
+   KEL_ASSERT_TEXT(nextIndex_ != Kel::maxU32(), "linkqueue index space full");
+   record_.emplace(nextIndex_++, record);
+}
+
+DataRecordPtr UpdateSetQueue::recordDeq() {
+   const auto head = record_.begin();
+   DataRecordPtr record = head->second;
+   record_.erase(head);
+   return record;
+}
+
+void BuilderWrapper::builderIs(Kel::U16 maxSize, Kel::U32 observationDomainId) {
+   if (!builder_ || builder_->maxSize() != maxSize ||
+       builder_->observationDomainId() != observationDomainId) {
+      builder_ = messageBuilderFactory(maxSize, observationDomainId);
+   }
+}
+
+void BuilderWrapper::startMsg() {
+   KEL_ASSERT(builder_ && !building_);
+   msgWrap_ = Kel::makePtr<MessageWrapper>();
+}
+
+Kel::U32 BuilderWrapper::addSetRecord(TemplateId setId, const DataRecordPtr& record) {
+   if (!building_) {
+      builder_->startMsg();
+      building_ = true;
+   }
+   const Kel::U32 consumed = builder_->addSetRecord(setId, record);
+   if (consumed > 0) {
+      ++msgWrap_->setRecord[setId];
+   }
+   return consumed;
+}
+
+Kel::Ptr<MessageWrapper> BuilderWrapper::finalizeMsg() {
+   KEL_ASSERT(hasRecords());
+   msgWrap_->msg = builder_->finalizeMsg();
+   building_ = false;
+   return std::move(msgWrap_);
+}
+
+}  // namespace FlowTracking

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <map>
+
+#include "Ipfix/MessageBuilder.h"
+#include "Ipfix/OptionsData.h"
+
+namespace FlowTracking {
+
+// The queued update records of one data set, oldest first.
+class UpdateSetQueue {
+ public:
+   explicit UpdateSetQueue(TemplateId setId) : setId_(setId) {}
+
+   TemplateId setId() const { return setId_; }
+   bool empty() const { return record_.empty(); }
+   Kel::U32 size() const { return static_cast<Kel::U32>(record_.size()); }
+   // The oldest record; the queue must not be empty.
+   const DataRecordPtr& front() const { return record_.begin()->second; }
+
+   void recordEnq(const DataRecordPtr& record);
+   DataRecordPtr recordDeq();
+   void recordDel(Kel::U32 index) { record_.erase(index); }
+   void recordDelAll() { record_.clear(); }
+
+ private:
+   TemplateId setId_;
+   // By an ever-increasing index, so that order survives deletions.
+   std::map<Kel::U32, DataRecordPtr> record_;
+   Kel::U32 nextIndex_ = 0;
+};
+
+// A finished options-data message and how many records of each set it holds,
+// for the collectors' statistics.
+struct MessageWrapper : Kel::PtrInterface {
+   Kel::Ptr<Message> msg;
+   std::map<TemplateId, Kel::U64> setRecord;
+
+   Kel::U32 recordCount() const { return msg ? msg->recordCount() : 0; }
+};
+
+// A message builder and the wrapper of the message it fills. The builder's
+// message is opened with the first record, so a message that gets no record
+// is never built.
+class BuilderWrapper {
+ public:
+   // Keeps the builder while size and observation domain stay the same.
+   void builderIs(Kel::U16 maxSize, Kel::U32 observationDomainId);
+   // Starts a new, empty message.
+   void startMsg();
+   // Octets consumed, 0 when the record does not fit the current message.
+   Kel::U32 addSetRecord(TemplateId setId, const DataRecordPtr& record);
+   bool hasRecords() const { return !msgWrap_->setRecord.empty(); }
+   Kel::Ptr<MessageWrapper> finalizeMsg();
+
+ private:
+   Kel::Ptr<MessageBuilder> builder_;
+   Kel::Ptr<MessageWrapper> msgWrap_;
+   bool building_ = false;
+};
+
+}  // namespace FlowTracking

@@ -1,0 +1,561 @@
+#include "Ipfix/OptionsDataExporterSm.h"
+
+#include "Ipfix/FlowTrackerPktTxUtil.h"
+#include "Kel/Exception.h"
+#include "Kel/Trace.h"
+
+namespace FlowTracking {
+
+namespace {
+
+Kel::TraceHandle traceIpfix("Ipfix");
+
+constexpr Bexa::TaskPriority optionsDataTaskPriority{2};
+// Room left in the MTU for an IPv6 header (40) and a UDP header (8).
+constexpr Kel::U32 ipAndUdpHeaders = 48;
+// Used while the tracker's configuration is absent.
+constexpr Kel::U32 defaultActiveIntervalMs = 300000;
+// The packet hex dump of each send is traced only at this level.
+constexpr int txDumpTraceLevel = 7;
+
+bool isSet(const Nivel::IpAndPort& d) {
+   return !d.ip.isUnspecified() || d.port != 0;
+}
+bool isSet(const Nivel::Ip6AndPort& d) {
+   return !d.ip.isUnspecified() || d.port != 0;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Collector
+
+Collector::Collector(Kel::Ptr<CollectorInfo> info, const Nivel::IpAndPort& dst4)
+    : info_(std::move(info)), isIpv4_(true), dst4_(dst4) {}
+
+Collector::Collector(Kel::Ptr<CollectorInfo> info, const Nivel::Ip6AndPort& dst6)
+    : info_(std::move(info)), isIpv4_(false), dst6_(dst6) {}
+
+Vorpa::Ipfix::CollectorInfo Collector::statsCollector() const {
+   return isIpv4_ ? Vorpa::Ipfix::CollectorInfo::fromIpAndPort(dst4_)
+                  : Vorpa::Ipfix::CollectorInfo::fromIp6AndPort(dst6_);
+}
+
+void Collector::sendMessage(const OptionsDataExporterSm& exporter,
+                            const MessageWrapper& msgWrap) const {
+   const Ipfix::IpfixMsgSeqNo seq = info_->ipfixMsgSeqNo();
+   // RFC 7011 numbers data records, per collector.
+   info_->ipfixMsgSeqNoInc(msgWrap.recordCount());
+   const Kel::Ptr<Nivel::Pkt>& pkt = msgWrap.msg->pkt(seq.value());
+   const auto& config = *exporter.hwExpConfig();
+   if (isIpv4_) {
+      const Nivel::IpAddr src = config.srcIpAddr();
+      KEL_ASSERT_TEXT(!src.isUnspecified(), "src != IpAddr::ipAddrZero()");
+      const auto& _pam = exporter.expInfo()->udpPam4();
+      KEL_ASSERT(_pam);
+      KEL_TRACE(traceIpfix, txDumpTraceLevel, "Collector::sendMessage TX IPv4 {} => {}:{}: {}", src,
+                dst4_.ip, dst4_.port, Nivel::hexDump(*pkt));
+      sendPkt4(pkt, _pam, src, dst4_, config.dscp());
+   } else {
+      const Nivel::Ip6Addr src = config.srcIp6Addr();
+      KEL_ASSERT_TEXT(!src.isUnspecified(), "!src.isZero()");
+      const auto& _pam = exporter.expInfo()->udpPam6();
+      KEL_ASSERT(_pam);
+      KEL_TRACE(traceIpfix, txDumpTraceLevel, "Collector::sendMessage TX IPv6 {} => {}:{}: {}", src,
+                dst6_.ip, dst6_.port, Nivel::hexDump(*pkt));
+      sendPkt6(pkt, _pam, src, dst6_, config.dscp());
+   }
+   updateStats(exporter, msgWrap, pkt->bytes());
+}
+
+void Collector::updateStats(const OptionsDataExporterSm& exporter, const MessageWrapper& msgWrap,
+                            Kel::U32 octets) const {
+   Vorpa::Ipfix::recordOptionsDataMessage(
+       *exporter.collStats(),
+       Vorpa::Ipfix::CollectorStatisticsKey(exporter.ftName(), exporter.expName(),
+                                            statsCollector()),
+       msgWrap.recordCount(), octets, msgWrap.setRecord);
+}
+
+// ---------------------------------------------------------------------------
+// Reactors
+
+// The set of data sources is fixed once the exporter is built: whoever changes
+// it deletes and re-creates the exporters.
+class OptionsDataExporterSm::ContainerReactor : public OptionsDataContainer::Notifiee {
+ public:
+   ContainerReactor(const Kel::Ptr<const OptionsDataContainer>& c, OptionsDataExporterSm* sm)
+       : sm_(sm) {
+      notifierIs(c);
+   }
+   void onData(OptionsDataScope) override {
+      KEL_ASSERT_TEXT(false, "data source changed after init!");
+   }
+   void onUpdate(OptionsDataScope) override { sm_->bindDataSources(); }
+
+ private:
+   OptionsDataExporterSm* sm_;
+};
+
+class OptionsDataExporterSm::UpdateReactor : public OptionsDataUpdate::Notifiee {
+ public:
+   UpdateReactor(const Kel::Ptr<const OptionsDataUpdate>& u, OptionsDataExporterSm* sm) : sm_(sm) {
+      notifierIs(u);
+   }
+   void onVersion() override { sm_->handleUpdateData(notifier()->scope()); }
+
+ private:
+   OptionsDataExporterSm* sm_;
+};
+
+class OptionsDataExporterSm::SourceReactor : public OptionsDataSource::Notifiee {
+ public:
+   SourceReactor(const Kel::Ptr<const OptionsDataSource>& s, OptionsDataExporterSm* sm) : sm_(sm) {
+      notifierIs(s);
+   }
+   void onVersion() override { sm_->msgCacheInvalidate(); }
+
+ private:
+   OptionsDataExporterSm* sm_;
+};
+
+class OptionsDataExporterSm::SourceCollReactor : public OptionsDataSourceColl::Notifiee {
+ public:
+   SourceCollReactor(const Kel::Ptr<const OptionsDataSourceColl>& c, OptionsDataExporterSm* sm) {
+      notifierIs(c);
+      for (const auto& [name, source] : c->source()) {
+         dataSourceEnt_.emplace(name, std::make_unique<SourceReactor>(source, sm));
+      }
+   }
+   void onSource(const Kel::String&) override {
+      KEL_ASSERT_TEXT(false, "data source changed after init!");
+   }
+
+ private:
+   std::map<Kel::String, std::unique_ptr<SourceReactor>> dataSourceEnt_;
+};
+
+class OptionsDataExporterSm::HwExpConfigReactor : public HwFlowTracking::ExporterConfig::Notifiee {
+ public:
+   HwExpConfigReactor(const Kel::Ptr<const HwFlowTracking::ExporterConfig>& c,
+                      OptionsDataExporterSm* sm)
+       : sm_(sm) {
+      notifierIs(c);
+   }
+   void onIpfixMtu() override { sm_->msgCacheInvalidate(); }
+   void onSrcIpAddr() override { sm_->handleSrc4(); }
+   void onSrcIp6Addr() override { sm_->handleSrc6(); }
+   void onCollectorIpAndPort(const Kel::String& name) override { sm_->handleCollector4(name); }
+   void onCollectorIp6AndPort(const Kel::String& name) override { sm_->handleCollector6(name); }
+
+ private:
+   OptionsDataExporterSm* sm_;
+};
+
+class OptionsDataExporterSm::HwFtConfigReactor : public HwFlowTracking::FtConfig::Notifiee {
+ public:
+   HwFtConfigReactor(const Kel::Ptr<const HwFlowTracking::FtConfig>& c, OptionsDataExporterSm* sm)
+       : sm_(sm) {
+      notifierIs(c);
+   }
+   void onActiveInterval() override { sm_->maybeBeginPeriodicTransmission(); }
+
+ private:
+   OptionsDataExporterSm* sm_;
+};
+
+class OptionsDataExporterSm::ExpInfoReactor : public ExporterInfo::Notifiee {
+ public:
+   ExpInfoReactor(const Kel::Ptr<ExporterInfo>& e, OptionsDataExporterSm* sm) : sm_(sm) {
+      notifierIs(e);
+   }
+   void onUdpPam4() override { sm_->handleSrc4(); }
+   void onUdpPam6() override { sm_->handleSrc6(); }
+   void onCollInfo(const Kel::String& name) override {
+      sm_->collInfoWatch(name);
+      sm_->handleCollector4(name);
+      sm_->handleCollector6(name);
+   }
+
+ private:
+   OptionsDataExporterSm* sm_;
+};
+
+class OptionsDataExporterSm::CollInfoReactor : public CollectorInfo::Notifiee {
+ public:
+   CollInfoReactor(const Kel::Ptr<CollectorInfo>& c, OptionsDataExporterSm* sm) : sm_(sm) {
+      notifierIs(c);
+   }
+   void onOptTemplateSent() override {
+      const Kel::String name = notifier()->name();
+      sm_->handleCollector4(name);
+      sm_->handleCollector6(name);
+   }
+
+ private:
+   OptionsDataExporterSm* sm_;
+};
+
+// ---------------------------------------------------------------------------
+// OptionsDataExporterSm
+
+OptionsDataExporterSm::OptionsDataExporterSm(
+    Kel::Name expName, Kel::Name ftName, FtId ftId,
+    Kel::Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
+    Kel::Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig, Kel::Ptr<ExporterInfo> expInfo,
+    Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> collStats,
+    Kel::Ptr<const OptionsDataContainer> dataContainer, Kel::Ptr<Bexa::TaskScheduler> scheduler)
+    : expName_(std::move(expName)),
+      ftName_(std::move(ftName)),
+      ftId_(ftId),
+      hwFtConfig_(std::move(hwFtConfig)),
+      hwExpConfig_(std::move(hwExpConfig)),
+      expInfo_(std::move(expInfo)),
+      collStats_(std::move(collStats)),
+      dataContainer_(std::move(dataContainer)),
+      scheduler_(std::move(scheduler)),
+      traceId_(expName_ + " for " + ftName_) {
+   KEL_ASSERT(hwExpConfig_ && expInfo_ && collStats_ && dataContainer_ && scheduler_);
+   containerReactor_ = std::make_unique<ContainerReactor>(dataContainer_, this);
+   for (const auto& [scope, coll] : dataContainer_->data()) {
+      scopedDataSource_.emplace(scope, std::make_unique<SourceCollReactor>(coll, this));
+   }
+   bindDataSources();
+   hwExpConfigReactor_ = std::make_unique<HwExpConfigReactor>(hwExpConfig_, this);
+   if (hwFtConfig_) {
+      hwFtConfigReactor_ = std::make_unique<HwFtConfigReactor>(hwFtConfig_, this);
+   }
+   expInfoReactor_ = std::make_unique<ExpInfoReactor>(expInfo_, this);
+   for (const auto& [name, info] : expInfo_->collInfo()) {
+      collInfoWatch(name);
+   }
+   handleInitialized();
+}
+
+OptionsDataExporterSm::~OptionsDataExporterSm() = default;
+
+void OptionsDataExporterSm::bindDataSources() {
+   updateDataEnt_.clear();
+   for (const auto& [scope, update] : dataContainer_->update()) {
+      updateDataEnt_.emplace(scope, std::make_unique<UpdateReactor>(update, this));
+   }
+}
+
+void OptionsDataExporterSm::collInfoWatch(const Kel::String& name) {
+   if (const auto info = expInfo_->collInfo(name)) {
+      auto& reactor = collInfo_[name];
+      if (reactor) {
+         reactor->notifierIs(info);
+      } else {
+         reactor = std::make_unique<CollInfoReactor>(info, this);
+      }
+   } else {
+      collInfo_.erase(name);
+   }
+}
+
+void OptionsDataExporterSm::handleInitialized() {
+   const Kel::String suffix = ftName_ + "-" + expName_;
+   collectorUpdateTask_ =
+       std::make_unique<Bexa::Task>(scheduler_, "optionsDataExporterCollectorUpdate-" + suffix,
+                                    optionsDataTaskPriority, [this] { processCollectorQueue(); });
+   updateTask_ =
+       std::make_unique<Bexa::Task>(scheduler_, "optionsDataExporterUpdate-" + suffix,
+                                    optionsDataTaskPriority, [this] { flushUpdateQueue(); });
+   txPeriodicTask_ = std::make_unique<Bexa::Task>(
+       scheduler_, "optionsDataExporterPeriodicTx-" + suffix, optionsDataTaskPriority,
+       [this] { maybeBeginPeriodicTransmission(); });
+   msgCacheValid_ = false;
+   for (const auto& [name, dst] : hwExpConfig_->collectorIpAndPort()) {
+      handleCollector4(name);
+   }
+   for (const auto& [name, dst] : hwExpConfig_->collectorIp6AndPort()) {
+      handleCollector6(name);
+   }
+   attributeIs(initialized_, true, &Notifiee::onInitialized);
+   if (v4Ready() || v6Ready()) {
+      maybeBeginPeriodicTransmission();
+   }
+}
+
+bool OptionsDataExporterSm::v4Ready() const {
+   return expInfo_->udpPam4() && !hwExpConfig_->srcIpAddr().isUnspecified() && !collector4_.empty();
+}
+
+bool OptionsDataExporterSm::v6Ready() const {
+   return expInfo_->udpPam6() && !hwExpConfig_->srcIp6Addr().isUnspecified() &&
+          !collector6_.empty();
+}
+
+Kel::U16 OptionsDataExporterSm::maxMessageSize() const {
+   return static_cast<Kel::U16>(hwExpConfig_->ipfixMtu() - ipAndUdpHeaders);
+}
+
+template <class Dst>
+void OptionsDataExporterSm::handleCollectorOfFamily(const Kel::String& name, bool ipv4,
+                                                    const std::map<Kel::String, Dst>& configured) {
+   auto& family = ipv4 ? collector4_ : collector6_;
+   auto& other = ipv4 ? collector6_ : collector4_;
+   const auto info = expInfo_->collInfo(name);
+   const auto it = configured.find(name);
+   const Dst dst = it == configured.end() ? Dst{} : it->second;
+   KEL_TRACE(traceIpfix, 3, "{}: collector {}, collInfo: {}, dst: {}:{}, templateSent: {}",
+             traceId_, name, bool(info), dst.ip, dst.port, info && info->optTemplateSent());
+   const auto existing = family.find(name);
+   if (!(isSet(dst) && info && info->optTemplateSent())) {
+      if (existing != family.end()) {
+         collector_.erase(name);
+         family.erase(existing);
+         // The last collector gone ends the periodic transmission now.
+         maybeSchedulePeriodic();
+      }
+      return;
+   }
+   if (existing != family.end()) {
+      if (existing->second.info() == info && existing->second.hasDestination(dst)) {
+         return;
+      }
+      KEL_TRACE(traceIpfix, 3, "{}: stale {} collector {}", traceId_, ipv4 ? "v4" : "v6", name);
+      collector_.erase(name);
+      family.erase(existing);
+   }
+   if (other.erase(name) > 0) {
+      collector_.erase(name);
+   }
+   const auto [inserted, ok] = family.emplace(name, Collector(info, dst));
+   collector_[name] = &inserted->second;
+   handleCollector(name);
+}
+
+void OptionsDataExporterSm::handleCollector4(const Kel::String& name) {
+   handleCollectorOfFamily(name, true, hwExpConfig_->collectorIpAndPort());
+}
+
+void OptionsDataExporterSm::handleCollector6(const Kel::String& name) {
+   handleCollectorOfFamily(name, false, hwExpConfig_->collectorIp6AndPort());
+}
+
+void OptionsDataExporterSm::handleCollector(const Kel::String& name) {
+   if (!initialized_) {
+      return;
+   }
+   KEL_TRACE(traceIpfix, 3, "{}: name: {}", traceId_, name);
+   collectorUpdate_.insert(name);
+   collectorUpdateTask_->scheduleTask();
+}
+
+void OptionsDataExporterSm::handleSrc4() {
+   KEL_TRACE(traceIpfix, 3, "{}: src: {}", traceId_, hwExpConfig_->srcIpAddr());
+   if (v4Ready()) {
+      for (const auto& [name, c] : collector4_) {
+         handleCollector(name);
+      }
+   }
+   maybeSchedulePeriodic();
+}
+
+void OptionsDataExporterSm::handleSrc6() {
+   KEL_TRACE(traceIpfix, 3, "{}: src: {}", traceId_, hwExpConfig_->srcIp6Addr());
+   if (v6Ready()) {
+      for (const auto& [name, c] : collector6_) {
+         handleCollector(name);
+      }
+   }
+   maybeSchedulePeriodic();
+}
+
+void OptionsDataExporterSm::processCollectorQueue() {
+   if (!initialized_) {
+      return;
+   }
+   for (const Kel::String& name : collectorUpdate_) {
+      const auto it4 = collector4_.find(name);
+      const auto it6 = collector6_.find(name);
+      const Collector* c = it4 != collector4_.end()   ? &it4->second
+                           : it6 != collector6_.end() ? &it6->second
+                                                      : nullptr;
+      KEL_TRACE(traceIpfix, 3, "{}: name: {}, exists: {}", traceId_, name, c != nullptr);
+      if (c && (c->isIpv4() ? v4Ready() : v6Ready())) {
+         maybeBuildMsgCache();
+         for (const auto& msgWrap : msgCache_) {
+            c->sendMessage(*this, *msgWrap);
+         }
+      }
+   }
+   collectorUpdate_.clear();
+   maybeSchedulePeriodic();
+}
+
+void OptionsDataExporterSm::maybeSchedulePeriodic() {
+   if (!txPeriodicTask_) {
+      return;
+   }
+   if (!v4Ready() && !v6Ready()) {
+      KEL_TRACE(traceIpfix, 3, "{}: unschedule periodic transmission", traceId_);
+      txPeriodicTask_->stopTask();
+      return;
+   }
+   const Kel::U32 intervalMs =
+       hwFtConfig_ ? hwFtConfig_->activeInterval() : defaultActiveIntervalMs;
+   const Kel::Seconds interval = intervalMs / 1000.0;
+   KEL_TRACE(traceIpfix, 3, "{}: schedule periodic transmission {}", traceId_, interval);
+   txPeriodicTask_->scheduleTaskLowestDelay(interval);
+}
+
+void OptionsDataExporterSm::maybeBeginPeriodicTransmission() {
+   if (!initialized_) {
+      return;
+   }
+   if (processing_) {
+      KEL_TRACE(traceIpfix, 3, "{}: processing, do not start new periodic transmission", traceId_);
+      return;
+   }
+   if (!v4Ready() && !v6Ready()) {
+      KEL_TRACE(traceIpfix, 3, "{}: tx not ready, do not start new periodic transmission",
+                traceId_);
+      return;
+   }
+   KEL_TRACE(traceIpfix, 3, "{}: starting new periodic transmission", traceId_);
+   maybeBuildMsgCache();
+   // The full tables supersede every queued update.
+   abortUpdates();
+   processing_ = true;
+   sendDataTables();
+}
+
+void OptionsDataExporterSm::sendDataTables() {
+   if (!initialized_ || !processing_) {
+      return;
+   }
+   KEL_TRACE(traceIpfix, 3, "{}: msgCache count: {}", traceId_, msgCache_.size());
+   for (const auto& msgWrap : msgCache_) {
+      sendMessageToCollectors(*msgWrap);
+   }
+   processing_ = false;
+   // The next period counts from the end of this transmission.
+   maybeSchedulePeriodic();
+}
+
+void OptionsDataExporterSm::maybeBuildMsgCache() {
+   KEL_ASSERT(initialized());
+   KEL_ASSERT(!processing());
+   KEL_TRACE(traceIpfix, 3, "{}: msgCacheValid:{}", traceId_, msgCacheValid_);
+   if (msgCacheValid_) {
+      return;
+   }
+   msgCache_.clear();
+   ++msgCacheBuildCount_;
+   builder_.builderIs(maxMessageSize(), ftId_);
+   builder_.startMsg();
+   for (const auto& [scope, coll] : dataContainer_->data()) {
+      for (const auto& [sourceName, source] : coll->source()) {
+         const TemplateId setId = source->dataSetId();
+         Kel::U32 added = 0;
+         for (const DataRecordPtr& record : source->dataRecord()) {
+            Kel::U32 consumed = builder_.addSetRecord(setId, record);
+            if (consumed == 0) {
+               msgCache_.push_back(builder_.finalizeMsg());
+               builder_.startMsg();
+               consumed = builder_.addSetRecord(setId, record);
+               KEL_ASSERT(consumed > 0);
+            }
+            ++added;
+         }
+         KEL_TRACE(traceIpfix, 3, "{}: added {} records from {}, setId: {}", traceId_, added,
+                   sourceName, setId);
+      }
+   }
+   if (builder_.hasRecords()) {
+      msgCache_.push_back(builder_.finalizeMsg());
+   }
+   KEL_TRACE(traceIpfix, 3, "{}: msgCache count: {}", traceId_, msgCache_.size());
+   msgCacheValid_ = true;
+}
+
+void OptionsDataExporterSm::handleUpdateData(OptionsDataScope scope) {
+   KEL_ASSERT(initialized());
+   const auto update = dataContainer_->update(scope);
+   if (!update) {
+      return;
+   }
+   const DataRecordPtr& record = update->dataRecord();
+   updateQueueBytes_ += record ? record->dataLen() : 0;
+   update_.try_emplace(update->dataSetId(), update->dataSetId()).first->second.recordEnq(record);
+   const Kel::U32 limit = hwExpConfig_->ipfixMtu() - ipAndUdpHeaders;
+   const Kel::U32 overhead = MessageBuilder::calcOverhead(static_cast<Kel::U32>(update_.size()));
+   if (overhead + updateQueueBytes_ < limit) {
+      KEL_TRACE(traceIpfix, 3, "{}: coalescing, updateQueueBytes:{}", traceId_, updateQueueBytes_);
+      updateTask_->scheduleTaskLowestDelay(updateDataCoalesceTime_);
+   } else {
+      KEL_TRACE(traceIpfix, 3, "{}: schedule immediate, updateQueueBytes:{}", traceId_,
+                updateQueueBytes_);
+      updateTask_->scheduleTask();
+   }
+}
+
+void OptionsDataExporterSm::flushUpdateQueue() {
+   if (!initialized_ || updateQueueBytes_ == 0) {
+      return;
+   }
+   builder_.builderIs(maxMessageSize(), ftId_);
+   builder_.startMsg();
+   bool yielded = false;
+   for (auto it = update_.begin(); it != update_.end() && !yielded;) {
+      UpdateSetQueue& queue = it->second;
+      while (!queue.empty() && !yielded) {
+         const DataRecordPtr record = queue.recordDeq();
+         if (record) {
+            if (builder_.addSetRecord(queue.setId(), record) == 0) {
+               sendMessageToCollectors(*builder_.finalizeMsg());
+               builder_.startMsg();
+               const Kel::U32 consumed = builder_.addSetRecord(queue.setId(), record);
+               KEL_ASSERT(consumed > 0);
+            }
+            updateQueueBytes_ -= record->dataLen();
+         }
+         yielded = scheduler_->shouldYield();
+      }
+      it = queue.empty() ? update_.erase(it) : std::next(it);
+   }
+   if (builder_.hasRecords()) {
+      sendMessageToCollectors(*builder_.finalizeMsg());
+   }
+   if (updateQueueBytes_ != 0) {
+      updateTask_->scheduleTask();
+   }
+}
+
+void OptionsDataExporterSm::abortUpdates() {
+   KEL_TRACE(traceIpfix, 3, "{}: queue bytes: {}", traceId_, updateQueueBytes_);
+   updateTask_->stopTask();
+   update_.clear();
+   updateQueueBytes_ = 0;
+}
+
+void OptionsDataExporterSm::sendToFamily(const std::map<Kel::String, Collector>& family, bool ready,
+                                         const MessageWrapper& msgWrap) const {
+   if (ready) {
+      for (const auto& [name, c] : family) {
+         c.sendMessage(*this, msgWrap);
+      }
+   }
+}
+
+void OptionsDataExporterSm::sendMessageToCollectors(const MessageWrapper& msgWrap) {
+   sendToFamily(collector4_, v4Ready(), msgWrap);
+   sendToFamily(collector6_, v6Ready(), msgWrap);
+}
+
+Kel::Ptr<OptionsDataExporterSm> optionsDataExporterSmFactory(
+    const Kel::Name& expName, const Kel::Name& ftName, FtId ftId,
+    const Kel::Ptr<const HwFlowTracking::FtConfig>& hwFtConfig,
+    const Kel::Ptr<const HwFlowTracking::ExporterConfig>& hwExpConfig,
+    const Kel::Ptr<ExporterInfo>& expInfo,
+    const Kel::Ptr<Vorpa::Ipfix::CollectorStatistics>& collStats,
+    const Kel::Ptr<const OptionsDataContainer>& dataContainer,
+    const Kel::Ptr<Bexa::TaskScheduler>& scheduler) {
+   return Kel::makeActive<OptionsDataExporterSm>(expName, ftName, ftId, hwFtConfig, hwExpConfig,
+                                                 expInfo, collStats, dataContainer, scheduler);
+}
+
+}  // namespace FlowTracking

@@ -1,0 +1,180 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "Bexa/TaskScheduler.h"
+#include "HwFlowTracking/Config.h"
+#include "Ipfix/CollectorStats.h"
+#include "Ipfix/FlowTrackerInfoSm.h"
+#include "Ipfix/OptionsDataExporter.h"
+
+namespace FlowTracking {
+
+class OptionsDataExporterSm;
+
+// One collector that has its options templates and so may be sent options
+// data; it numbers the records it is sent on its own.
+class Collector {
+ public:
+   Collector(Kel::Ptr<CollectorInfo> info, const Nivel::IpAndPort& dst4);
+   Collector(Kel::Ptr<CollectorInfo> info, const Nivel::Ip6AndPort& dst6);
+
+   const Kel::Ptr<CollectorInfo>& info() const { return info_; }
+   bool isIpv4() const { return isIpv4_; }
+   const Nivel::IpAndPort& dst4() const { return dst4_; }
+   const Nivel::Ip6AndPort& dst6() const { return dst6_; }
+   bool hasDestination(const Nivel::IpAndPort& d) const { return isIpv4_ && dst4_ == d; }
+   bool hasDestination(const Nivel::Ip6AndPort& d) const { return !isIpv4_ && dst6_ == d; }
+   Vorpa::Ipfix::CollectorInfo statsCollector() const;
+
+   // Stamps this collector's sequence number, advances it by the records of
+   // the message, sends it and counts it.
+   void sendMessage(const OptionsDataExporterSm& exporter, const MessageWrapper& msgWrap) const;
+
+ private:
+   void updateStats(const OptionsDataExporterSm& exporter, const MessageWrapper& msgWrap,
+                    Kel::U32 octets) const;
+
+   Kel::Ptr<CollectorInfo> info_;
+   bool isIpv4_;
+   Nivel::IpAndPort dst4_;
+   Nivel::Ip6AndPort dst6_;
+};
+
+// Sends the options data of one tracker to the collectors of one of its
+// exporters: the full tables every active interval and to each newly ready
+// collector, from a cache of finished messages rebuilt only when the data
+// changes, and single-record updates, coalesced for a moment unless they
+// already fill a message.
+class OptionsDataExporterSm : public Kel::Entity {
+ public:
+   class Notifiee : public Kel::BaseNotifiee<OptionsDataExporterSm> {
+    public:
+      virtual void onInitialized() {}
+   };
+
+   OptionsDataExporterSm(Kel::Name expName, Kel::Name ftName, FtId ftId,
+                         Kel::Ptr<const HwFlowTracking::FtConfig> hwFtConfig,
+                         Kel::Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig,
+                         Kel::Ptr<ExporterInfo> expInfo,
+                         Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> collStats,
+                         Kel::Ptr<const OptionsDataContainer> dataContainer,
+                         Kel::Ptr<Bexa::TaskScheduler> scheduler);
+   ~OptionsDataExporterSm() override;
+
+   const Kel::Name& expName() const { return expName_; }
+   const Kel::Name& ftName() const { return ftName_; }
+   FtId ftId() const { return ftId_; }
+   const Kel::Ptr<const HwFlowTracking::FtConfig>& hwFtConfig() const { return hwFtConfig_; }
+   const Kel::Ptr<const HwFlowTracking::ExporterConfig>& hwExpConfig() const {
+      return hwExpConfig_;
+   }
+   const Kel::Ptr<ExporterInfo>& expInfo() const { return expInfo_; }
+   const Kel::Ptr<Vorpa::Ipfix::CollectorStatistics>& collStats() const { return collStats_; }
+   const Kel::Ptr<const OptionsDataContainer>& dataContainer() const { return dataContainer_; }
+   const Kel::Ptr<Bexa::TaskScheduler>& scheduler() const { return scheduler_; }
+   const Kel::String& traceId() const { return traceId_; }
+
+   Kel::Seconds updateDataCoalesceTime() const { return updateDataCoalesceTime_; }
+   void updateDataCoalesceTimeIs(Kel::Seconds s) { updateDataCoalesceTime_ = s; }
+   bool initialized() const { return initialized_; }
+   bool processing() const { return processing_; }
+   bool msgCacheValid() const { return msgCacheValid_; }
+   Kel::U32 updateQueueBytes() const { return updateQueueBytes_; }
+   Kel::U32 msgCacheBuildCount() const { return msgCacheBuildCount_; }
+   std::size_t msgCacheCount() const { return msgCache_.size(); }
+   const std::map<Kel::String, const Collector*>& collector() const { return collector_; }
+   const Bexa::Task& updateTask() const { return *updateTask_; }
+   const Bexa::Task& txPeriodicTask() const { return *txPeriodicTask_; }
+
+   bool v4Ready() const;
+   bool v6Ready() const;
+
+   void handleCollector4(const Kel::String& name);
+   void handleCollector6(const Kel::String& name);
+   void handleSrc4();
+   void handleSrc6();
+   void handleUpdateData(OptionsDataScope scope);
+   void processCollectorQueue();
+   void maybeSchedulePeriodic();
+   void maybeBeginPeriodicTransmission();
+   void maybeBuildMsgCache();
+   void flushUpdateQueue();
+   void abortUpdates();
+
+ private:
+   class ContainerReactor;
+   class UpdateReactor;
+   class SourceCollReactor;
+   class SourceReactor;
+   class HwExpConfigReactor;
+   class HwFtConfigReactor;
+   class ExpInfoReactor;
+   class CollInfoReactor;
+
+   void handleInitialized();
+   void bindDataSources();
+   void handleCollector(const Kel::String& name);
+   void collInfoWatch(const Kel::String& name);
+   void msgCacheInvalidate() { msgCacheValid_ = false; }
+   void sendDataTables();
+   void sendMessageToCollectors(const MessageWrapper& msgWrap);
+   Kel::U16 maxMessageSize() const;
+   // Sends each collector of one family in `family` the message, when ready.
+   void sendToFamily(const std::map<Kel::String, Collector>& family, bool ready,
+                     const MessageWrapper& msgWrap) const;
+   template <class Dst>
+   void handleCollectorOfFamily(const Kel::String& name, bool ipv4,
+                                const std::map<Kel::String, Dst>& configured);
+
+   const Kel::Name expName_;
+   const Kel::Name ftName_;
+   const FtId ftId_;
+   const Kel::Ptr<const HwFlowTracking::FtConfig> hwFtConfig_;
+   const Kel::Ptr<const HwFlowTracking::ExporterConfig> hwExpConfig_;
+   const Kel::Ptr<ExporterInfo> expInfo_;
+   const Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> collStats_;
+   const Kel::Ptr<const OptionsDataContainer> dataContainer_;
+   const Kel::Ptr<Bexa::TaskScheduler> scheduler_;
+   const Kel::String traceId_;
+
+   Kel::Seconds updateDataCoalesceTime_ = 1.0;
+   bool initialized_ = false;
+   bool processing_ = false;
+   bool msgCacheValid_ = false;
+   Kel::U32 updateQueueBytes_ = 0;
+   Kel::U32 msgCacheBuildCount_ = 0;
+
+   std::map<TemplateId, UpdateSetQueue> update_;
+   std::vector<Kel::Ptr<MessageWrapper>> msgCache_;
+   BuilderWrapper builder_;
+   std::map<Kel::String, Collector> collector4_;
+   std::map<Kel::String, Collector> collector6_;
+   std::map<Kel::String, const Collector*> collector_;
+   std::set<Kel::String> collectorUpdate_;
+
+   std::unique_ptr<Bexa::Task> updateTask_;
+   std::unique_ptr<Bexa::Task> txPeriodicTask_;
+   std::unique_ptr<Bexa::Task> collectorUpdateTask_;
+   std::unique_ptr<ContainerReactor> containerReactor_;
+   std::map<OptionsDataScope, std::unique_ptr<UpdateReactor>> updateDataEnt_;
+   std::map<OptionsDataScope, std::unique_ptr<SourceCollReactor>> scopedDataSource_;
+   std::unique_ptr<HwExpConfigReactor> hwExpConfigReactor_;
+   std::unique_ptr<HwFtConfigReactor> hwFtConfigReactor_;
+   std::unique_ptr<ExpInfoReactor> expInfoReactor_;
+   std::map<Kel::String, std::unique_ptr<CollInfoReactor>> collInfo_;
+};
+
+Kel::Ptr<OptionsDataExporterSm> optionsDataExporterSmFactory(
+    const Kel::Name& expName, const Kel::Name& ftName, FtId ftId,
+    const Kel::Ptr<const HwFlowTracking::FtConfig>& hwFtConfig,
+    const Kel::Ptr<const HwFlowTracking::ExporterConfig>& hwExpConfig,
+    const Kel::Ptr<ExporterInfo>& expInfo,
+    const Kel::Ptr<Vorpa::Ipfix::CollectorStatistics>& collStats,
+    const Kel::Ptr<const OptionsDataContainer>& dataContainer,
+    const Kel::Ptr<Bexa::TaskScheduler>& scheduler);
+
+}  // namespace FlowTracking

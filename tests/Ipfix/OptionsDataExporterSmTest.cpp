@@ -1,0 +1,267 @@
+#include <gtest/gtest.h>
+
+#include <cerrno>
+
+#include "ExportFixture.h"
+#include "FlowTracking/Constants.h"
+#include "Ipfix/OptionsDataExporterSm.h"
+#include "support/FixbufReader.h"
+
+namespace {
+
+using FlowTracking::OptionsDataScope;
+using Record = FixbufReader::Record;
+
+const HwFlowTracking::TemplateId intfSetId =
+    FlowTracking::Constants::reservedTemplateId(FlowTracking::StaticTemplateId::intfTable);
+
+// An interface-table record: 4-octet index, then the name with a length octet.
+FlowTracking::DataRecordPtr intfRecord(Kel::U32 index, const std::string& name) {
+   std::string bytes = {char(index >> 24), char(index >> 16), char(index >> 8), char(index),
+                        char(name.size())};
+   return FlowTracking::dataRecordFactory(bytes + name);
+}
+
+std::uint32_t sequenceNumber(const TestSupport::Datagram& d) {
+   return std::uint32_t(d.payload[8]) << 24 | std::uint32_t(d.payload[9]) << 16 |
+          std::uint32_t(d.payload[10]) << 8 | d.payload[11];
+}
+
+// A collector as the options data tests see it: datagrams decoded by
+// libfixbuf, which knows the interface-table options template.
+struct DecodingCollector {
+   explicit DecodingCollector(TestSupport::UdpReceiver& r) : rx(r) {
+      reader.templateIs(7, intfSetId, {{"ingressInterface", 4}, {"interfaceName", FB_IE_VARLEN}},
+                        1);
+   }
+   // Options data datagrams since the last call, templates skipped.
+   std::vector<TestSupport::Datagram> dataDatagrams() {
+      std::vector<TestSupport::Datagram> data;
+      for (auto& d : rx.receiveAll()) {
+         const unsigned setId = d.payload[16] << 8 | d.payload[17];
+         if (setId >= 256) {
+            data.push_back(std::move(d));
+         }
+      }
+      return data;
+   }
+   std::vector<Record> records(const std::vector<TestSupport::Datagram>& datagrams) {
+      std::vector<Record> all;
+      for (const auto& d : datagrams) {
+         for (auto& r : reader.read(d.payload.data(), d.payload.size())) {
+            all.push_back(std::move(r));
+         }
+      }
+      return all;
+   }
+   TestSupport::UdpReceiver& rx;
+   FixbufReader reader;
+};
+
+Record intf(std::uint64_t index, const std::string& name) {
+   return Record{intfSetId, {index, name}};
+}
+
+class OptionsDataExportTest : public ExportFixture {
+ protected:
+   void SetUp() override {
+      addTracker("t1", 7);
+      addStatus("t1");
+      exp_ = addReadyExporter("t1", "e1");
+      exp_->ipfixMtuIs(1500);
+      exp_->collectorIpAndPortIs("c4", rx4_.ipAndPort());
+      exp_->collectorIp6AndPortIs("c6", rx6_.ip6AndPort());
+      global_ = Kel::makeActive<FlowTracking::OptionsDataSourceColl>(OptionsDataScope::scopeGlobal);
+      source_ = global_->sourceIs("InterfaceTable", intfSetId);
+      update_ = Kel::makeActive<FlowTracking::OptionsDataUpdate>(OptionsDataScope::scopeGlobal);
+      container_ = FlowTracking::optionsDataContainerFactory("t1");
+      container_->dataIs(global_);
+      container_->updateIs(update_);
+   }
+
+   void fill(Kel::U32 count, const std::string& prefix = "Ethernet") {
+      for (Kel::U32 i = 1; i <= count; ++i) {
+         source_->dataRecordIs(intfRecord(i, prefix + std::to_string(i)));
+      }
+      source_->versionInc(1);
+   }
+
+   // The whole agent-side start: tree, templates, then the options exporter.
+   void startExporter() {
+      startTemplates();
+      exporter_ = FlowTracking::optionsDataExporterSmFactory(
+          "e1", "t1", 7, hwConfig_->hwFtConfig("t1"), exp_, exporterInfo("t1", "e1"), stats_,
+          container_, sched_);
+   }
+
+   std::vector<Record> expectedTable(Kel::U32 count, const std::string& prefix = "Ethernet") {
+      std::vector<Record> all;
+      for (Kel::U32 i = 1; i <= count; ++i) {
+         all.push_back(intf(i, prefix + std::to_string(i)));
+      }
+      return all;
+   }
+
+   static std::vector<Record> sorted(std::vector<Record> r) {
+      std::sort(r.begin(), r.end(), [](const Record& a, const Record& b) {
+         return std::get<std::uint64_t>(a.values[0]) < std::get<std::uint64_t>(b.values[0]);
+      });
+      return r;
+   }
+
+   TestSupport::UdpReceiver& rx4_ = receiver(false);
+   TestSupport::UdpReceiver& rx6_ = receiver(true);
+   DecodingCollector c4_{rx4_};
+   DecodingCollector c6_{rx6_};
+   Kel::Ptr<HwFlowTracking::ExporterConfig> exp_;
+   Kel::Ptr<FlowTracking::OptionsDataSourceColl> global_;
+   Kel::Ptr<FlowTracking::OptionsDataSource> source_;
+   Kel::Ptr<FlowTracking::OptionsDataUpdate> update_;
+   Kel::Ptr<FlowTracking::OptionsDataContainer> container_;
+   Kel::Ptr<FlowTracking::OptionsDataExporterSm> exporter_;
+};
+
+TEST_F(OptionsDataExportTest, FullTablesReachEveryCollectorAfterItsOptionsTemplates) {
+   fill(300);
+   startExporter();
+   EXPECT_TRUE(exporter_->collector().empty()) << "nobody has options templates yet";
+   sched_->runFor(0);
+   for (auto* c : {&c4_, &c6_}) {
+      const auto datagrams = c->dataDatagrams();
+      ASSERT_GT(datagrams.size(), 1u) << "300 records need several messages";
+      EXPECT_EQ(sorted(c->records(datagrams)), expectedTable(300));
+      // Each message is numbered by the records sent to this collector before.
+      std::uint32_t before = 0;
+      for (const auto& d : datagrams) {
+         EXPECT_EQ(sequenceNumber(d), before);
+         before += static_cast<std::uint32_t>(c->records({d}).size());
+         EXPECT_LE(d.payload.size(), 1452u);
+      }
+   }
+   const auto info = exporterInfo("t1", "e1");
+   EXPECT_EQ(info->collInfo("c4")->ipfixMsgSeqNo().value(), 300u);
+   EXPECT_EQ(info->collInfo("c6")->ipfixMsgSeqNo().value(), 300u);
+   EXPECT_EQ(exporter_->msgCacheBuildCount(), 1u) << "both collectors share one encoding";
+}
+
+TEST_F(OptionsDataExportTest, OneCachedMessageCarriesEachCollectorsOwnSequence) {
+   fill(3);
+   startExporter();
+   sched_->runFor(0);
+   c4_.dataDatagrams();
+   c6_.dataDatagrams();
+   exporterInfo("t1", "e1")->collInfo("c6")->ipfixMsgSeqNoIs(Ipfix::IpfixMsgSeqNo(1000));
+   sched_->runFor(300);  // the default active interval: one periodic transmission
+   const auto d4 = c4_.dataDatagrams();
+   const auto d6 = c6_.dataDatagrams();
+   ASSERT_EQ(d4.size(), 1u);
+   ASSERT_EQ(d6.size(), 1u);
+   EXPECT_EQ(sequenceNumber(d4[0]), 3u);
+   EXPECT_EQ(sequenceNumber(d6[0]), 1000u);
+   EXPECT_EQ(std::vector<Kel::U8>(d4[0].payload.begin() + 12, d4[0].payload.end()),
+             std::vector<Kel::U8>(d6[0].payload.begin() + 12, d6[0].payload.end()));
+   EXPECT_EQ(exporter_->msgCacheBuildCount(), 1u);
+}
+
+TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessage) {
+   fill(2);
+   startExporter();
+   sched_->runFor(0);
+   c4_.dataDatagrams();
+
+   update_->addUpdate(intfSetId, intfRecord(10, "Ethernet10"));
+   sched_->runFor(0.6);
+   update_->addUpdate(intfSetId, intfRecord(11, "Ethernet11"));  // does not push the deadline
+   sched_->runFor(0.3);
+   EXPECT_TRUE(c4_.dataDatagrams().empty());
+   sched_->runFor(0.1);
+   auto d = c4_.dataDatagrams();
+   ASSERT_EQ(d.size(), 1u);
+   EXPECT_EQ(c4_.records(d), (std::vector<Record>{intf(10, "Ethernet10"), intf(11, "Ethernet11")}));
+   EXPECT_EQ(sequenceNumber(d[0]), 2u);
+   EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
+
+   // 1431 octets with one set (20 octets of headers) still coalesce at MTU
+   // 1500; 1432 go at once.
+   const std::string name245(245, 'x');
+   for (int i = 0; i < 5; ++i) {
+      update_->addUpdate(intfSetId, intfRecord(20 + i, name245));  // 250 octets each
+   }
+   update_->addUpdate(intfSetId, FlowTracking::dataRecordFactory(std::string(181, 'y')));
+   EXPECT_EQ(exporter_->updateQueueBytes(), 1431u);
+   sched_->runFor(0);
+   EXPECT_TRUE(c4_.dataDatagrams().empty());
+   exporter_->abortUpdates();
+   for (int i = 0; i < 5; ++i) {
+      update_->addUpdate(intfSetId, intfRecord(20 + i, name245));
+   }
+   update_->addUpdate(intfSetId, intfRecord(30, std::string(177, 'z')));  // 182 octets
+   EXPECT_EQ(exporter_->updateQueueBytes(), 1432u);
+   sched_->runFor(0);
+   d = c4_.dataDatagrams();
+   ASSERT_FALSE(d.empty());
+   EXPECT_EQ(c4_.records(d).size(), 6u);
+}
+
+TEST_F(OptionsDataExportTest, PeriodicTransmissionDiscardsQueuedUpdates) {
+   fill(2);
+   hwConfig_->hwFtConfig("t1")->activeIntervalIs(10000);
+   startExporter();
+   sched_->runFor(0);
+   c4_.dataDatagrams();
+   sched_->runFor(9.5);
+   update_->addUpdate(intfSetId, intfRecord(9, "Ethernet9"));
+   source_->dataRecordIs(intfRecord(9, "Ethernet9"));
+   source_->versionInc(1);
+   sched_->runFor(0.5);  // the period comes first and carries the new table
+   EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
+   EXPECT_FALSE(exporter_->updateTask().taskScheduled());
+   EXPECT_EQ(sorted(c4_.records(c4_.dataDatagrams())).size(), 3u);
+   sched_->runFor(1.0);
+   EXPECT_TRUE(c4_.dataDatagrams().empty()) << "the discarded update is not sent";
+   EXPECT_EQ(exporter_->msgCacheBuildCount(), 2u);
+}
+
+TEST_F(OptionsDataExportTest, ReaddressedCollectorIsReadmittedWithFullTables) {
+   fill(4);
+   startExporter();
+   sched_->runFor(0);
+   c4_.dataDatagrams();
+   c6_.dataDatagrams();
+   auto& moved = receiver(false);
+   DecodingCollector movedCollector(moved);
+   exp_->collectorIpAndPortIs("c4", moved.ipAndPort());
+   sched_->runFor(0);
+   EXPECT_EQ(sorted(movedCollector.records(movedCollector.dataDatagrams())), expectedTable(4));
+   EXPECT_TRUE(c4_.dataDatagrams().empty());
+   EXPECT_TRUE(c6_.dataDatagrams().empty()) << "only the readdressed collector is sent to";
+}
+
+TEST_F(OptionsDataExportTest, NoCollectorsStopsThePeriodicTask) {
+   fill(1);
+   startExporter();
+   sched_->runFor(0);
+   EXPECT_TRUE(exporter_->txPeriodicTask().taskScheduled());
+   exp_->collectorIpAndPortDel("c4");
+   exp_->collectorIp6AndPortDel("c6");
+   EXPECT_FALSE(exporter_->txPeriodicTask().taskScheduled());
+   EXPECT_TRUE(exporter_->collector().empty());
+}
+
+TEST_F(OptionsDataExportTest, FailingCollectorDoesNotStopTheOthers) {
+   fill(5);
+   const auto failPort = rx4_.port();
+   Nivel::UdpPam::faultsIs({.open = {}, .tx = [&](const Nivel::UdpPam& p) {
+                               return p.txPort() == failPort ? EPERM : 0;
+                            }});
+   startExporter();
+   sched_->runFor(0);
+   EXPECT_TRUE(c4_.dataDatagrams().empty());
+   EXPECT_EQ(sorted(c6_.records(c6_.dataDatagrams())), expectedTable(5));
+   EXPECT_EQ(exporter_->collector().size(), 2u) << "the exporter keeps its state";
+   Nivel::UdpPam::faultsIs({});
+   sched_->runFor(300);
+   EXPECT_EQ(sorted(c4_.records(c4_.dataDatagrams())), expectedTable(5));
+}
+
+}  // namespace

@@ -1,0 +1,220 @@
+#include <gtest/gtest.h>
+
+#include "ExportFixture.h"
+#include "FlowTracking/Constants.h"
+#include "Kel/Trace.h"
+#include "support/FixbufTemplates.h"
+
+namespace {
+
+using Ipfix::RecordType;
+using Template = FixbufTemplateReader::Template;
+using F = FixbufTemplateReader::Field;
+
+constexpr std::uint32_t pen = Ipfix::enterpriseNumber;
+
+std::uint32_t sequenceNumber(const TestSupport::Datagram& d) {
+   return std::uint32_t(d.payload[8]) << 24 | std::uint32_t(d.payload[9]) << 16 |
+          std::uint32_t(d.payload[10]) << 8 | d.payload[11];
+}
+
+// The templates one collector learnt from what it received, by set kind.
+struct Learnt {
+   std::vector<Template> data;
+   std::vector<Template> options;
+   std::vector<TestSupport::Datagram> datagrams;
+};
+
+Learnt learn(TestSupport::UdpReceiver& rx, std::uint32_t domain) {
+   Learnt l;
+   FixbufTemplateReader reader;
+   for (auto& d : rx.receiveAll()) {
+      const auto msg = reader.read(d.payload);
+      EXPECT_EQ(msg.observationDomain, domain);
+      for (const auto& t : msg.templates) {
+         (t.scopeCount ? l.options : l.data).push_back(t);
+      }
+      l.datagrams.push_back(std::move(d));
+   }
+   return l;
+}
+
+const std::vector<Template> expectedOptionsTemplates = [] {
+   using FlowTracking::Constants;
+   using FlowTracking::StaticTemplateId;
+   // The configuration lists them by name.
+   return std::vector<Template>{
+       {Constants::reservedTemplateId(StaticTemplateId::flowKey), 1, {{0, 145, 2}, {0, 173, 8}}},
+       {Constants::reservedTemplateId(StaticTemplateId::flowTrackerTable),
+        1,
+        {{0, 149, 4},
+         {0, 300, 65535},
+         {0, 36, 2},
+         {0, 37, 2},
+         {0, 304, 2},
+         {0, 309, 4},
+         {0, 310, 4},
+         {pen, 1001, 2}}},
+       {Constants::reservedTemplateId(StaticTemplateId::intfTable),
+        1,
+        {{0, 10, 4}, {0, 82, 65535}}},
+       {Constants::reservedTemplateId(StaticTemplateId::vrfTable),
+        1,
+        {{0, 234, 4}, {0, 236, 65535}}},
+   };
+}();
+
+class TemplateExportTest : public ExportFixture {
+ protected:
+   // Tracker t1 (domain 7) with flow groups 300, 256 (no entries) and 280,
+   // announced out of order, and exporter e1 with one collector per family.
+   void SetUp() override {
+      addTracker("t1", 7);
+      addStatus("t1");
+      addFlowGroup("t1", 300, 100,
+                   {{RecordType::sourceIPv4Address, true},
+                    {RecordType::destinationIPv4Address, true},
+                    {RecordType::octetDeltaCount, false},
+                    {RecordType::innerSrcIp, false}});
+      addFlowGroup("t1", 256, 0, {{RecordType::packetDeltaCount, false}});
+      addFlowGroup("t1", 280, 5,
+                   {{RecordType::sourceIPv6Address, true}, {RecordType::octetDeltaCount, false}});
+      exp_ = addReadyExporter("t1", "e1");
+      exp_->collectorIpAndPortIs("c4", rx4_.ipAndPort());
+      exp_->collectorIp6AndPortIs("c6", rx6_.ip6AndPort());
+   }
+
+   const std::vector<Template> expectedDataTemplates = {
+       {280, 0, {{0, 27, 16}, {0, 1, 8}}},
+       {300, 0, {{0, 8, 4}, {0, 12, 4}, {0, 1, 8}, {pen, 1024, 4}}},
+   };
+
+   TestSupport::UdpReceiver& rx4_ = receiver(false);
+   TestSupport::UdpReceiver& rx6_ = receiver(true);
+   Kel::Ptr<HwFlowTracking::ExporterConfig> exp_;
+};
+
+TEST_F(TemplateExportTest, EveryCollectorLearnsDataAndOptionsTemplates) {
+   startTemplates();
+   sched_->runFor(0);
+   for (auto* rx : {&rx4_, &rx6_}) {
+      SCOPED_TRACE(rx == &rx4_ ? "IPv4" : "IPv6");
+      const Learnt l = learn(*rx, 7);
+      EXPECT_EQ(l.datagrams.size(), 2u);
+      EXPECT_EQ(l.data, expectedDataTemplates);
+      EXPECT_EQ(l.options, expectedOptionsTemplates);
+   }
+   const auto info = exporterInfo("t1", "e1");
+   EXPECT_TRUE(info->collInfo("c4")->optTemplateSent());
+   EXPECT_TRUE(info->collInfo("c6")->optTemplateSent());
+   EXPECT_EQ(info->rxPort4(), info->udpPam4()->rxPort());
+   EXPECT_TRUE(exp_->exporter4Ready()) << "the first template send makes the exporter active";
+   EXPECT_TRUE(exp_->exporter6Ready());
+}
+
+TEST_F(TemplateExportTest, LateCollectorPeriodAndFlowGroupChange) {
+   startTemplates();
+   sched_->runFor(0);
+   learn(rx4_, 7);
+   learn(rx6_, 7);
+
+   // A collector added later gets both messages at once; the others nothing.
+   auto& late = receiver(false);
+   exp_->collectorIpAndPortIs("late", late.ipAndPort());
+   const Learnt first = learn(late, 7);
+   EXPECT_EQ(first.data, expectedDataTemplates);
+   EXPECT_EQ(first.options, expectedOptionsTemplates);
+   EXPECT_TRUE(rx4_.receiveAll().empty());
+
+   // Every templateInterval (30 s) all collectors get both again.
+   sched_->runFor(29.5);
+   EXPECT_TRUE(rx4_.receiveAll().empty());
+   sched_->runFor(1.0);
+   for (auto* rx : {&rx4_, &rx6_, &late}) {
+      EXPECT_EQ(learn(*rx, 7).datagrams.size(), 2u);
+   }
+
+   // A flow group gaining an entry is rebuilt and sent to all at once.
+   const auto fg = hwStatus_->hwFtStatus("t1")->hwFgStatus(256);
+   auto moreEntries = Kel::makeActive<HwFlowTracking::FgStatus>(256);
+   hwStatus_->hwFtStatus("t1")->hwFgStatusDel(256);
+   addFlowGroup("t1", 256, 9, {{RecordType::vlanId, true}});
+   sched_->runFor(0);
+   for (auto* rx : {&rx4_, &rx6_, &late}) {
+      const Learnt l = learn(*rx, 7);
+      ASSERT_EQ(l.data.size(), 3u);
+      EXPECT_EQ(l.data[0], (Template{256, 0, {{0, 58, 2}}}));
+      EXPECT_TRUE(l.options.empty());
+   }
+}
+
+TEST_F(TemplateExportTest, SequenceNumberIsCurrentAndExportTimeIsTimeOfSend) {
+   startTemplates();
+   sched_->runFor(0);
+   learn(rx4_, 7);
+   const auto c4 = exporterInfo("t1", "e1")->collInfo("c4");
+   c4->ipfixMsgSeqNoIs(Ipfix::IpfixMsgSeqNo(41));
+   clock_.advance(30);
+   sched_->runFor(0);
+   const auto d = rx4_.receiveAll();
+   ASSERT_EQ(d.size(), 2u);
+   for (const auto& datagram : d) {
+      EXPECT_EQ(sequenceNumber(datagram), 41u);
+      FixbufTemplateReader reader;
+      EXPECT_EQ(reader.read(datagram.payload).exportTime,
+                static_cast<std::uint32_t>(Kel::System::currentTimeUtc()));
+   }
+   EXPECT_EQ(c4->ipfixMsgSeqNo().value(), 41u) << "template messages do not advance it";
+}
+
+TEST_F(TemplateExportTest, NoFlowGroupsSendsOnlyOptionsTemplates) {
+   hwStatus_->hwFtStatus("t1")->hwFgStatusDelAll();
+   Kel::TraceCapture capture("Ipfix", 3);
+   startTemplates();
+   sched_->runFor(0);
+   EXPECT_TRUE(capture.contains("Returning because no flow group configured."));
+   const Learnt l = learn(rx4_, 7);
+   EXPECT_EQ(l.datagrams.size(), 1u);
+   EXPECT_TRUE(l.data.empty());
+   EXPECT_EQ(l.options.size(), 4u);
+}
+
+TEST_F(TemplateExportTest, PeriodIsTemplateIntervalInWholeSeconds) {
+   const struct {
+      Kel::U32 intervalMs;
+      double quietFor;  // no resend yet
+      double resentBy;
+   } cases[] = {{20000, 19.9, 20.0}, {1500, 0.9, 1.0}};
+   startTemplates();
+   sched_->runFor(0);
+   learn(rx4_, 7);
+   for (const auto& c : cases) {
+      SCOPED_TRACE(c.intervalMs);
+      exp_->templateIntervalIs(c.intervalMs);  // sends at once and restarts the period
+      EXPECT_EQ(learn(rx4_, 7).datagrams.size(), 2u);
+      sched_->runFor(c.quietFor);
+      EXPECT_TRUE(rx4_.receiveAll().empty());
+      sched_->runFor(c.resentBy - c.quietFor);
+      EXPECT_EQ(learn(rx4_, 7).datagrams.size(), 2u);
+      exp_->templateIntervalIs(3600000);
+      learn(rx4_, 7);
+   }
+}
+
+TEST_F(TemplateExportTest, RemovedExporterAndCollectorStopSending) {
+   startTemplates();
+   sched_->runFor(0);
+   learn(rx4_, 7);
+   learn(rx6_, 7);
+   exp_->collectorIp6AndPortDel("c6");
+   sched_->runFor(30);
+   EXPECT_EQ(learn(rx4_, 7).datagrams.size(), 2u);
+   EXPECT_TRUE(rx6_.receiveAll().empty());
+   hwConfig_->hwFtConfig("t1")->expConfigDel("e1");
+   EXPECT_EQ(templateSm_->ftTemplateSm("t1")->ftExporterSm("e1"), nullptr);
+   sched_->runFor(60);
+   EXPECT_TRUE(rx4_.receiveAll().empty());
+   EXPECT_EQ(sched_->timerCount(), 0u) << "no periodic task outlives its exporter";
+}
+
+}  // namespace
