@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace VorpaTest {
+namespace TestSupport {
 
 // A read-write mapping of a named table segment as a stray process could make
 // one, for tests that damage bytes the writer never wrote.
@@ -53,4 +53,4 @@ class SegmentBytes {
    std::size_t size_ = 0;
 };
 
-}  // namespace VorpaTest
+}  // namespace TestSupport
