@@ -39,6 +39,12 @@ class NameInUseException : public Exception {
    using Exception::Exception;
 };
 
+// A value outside the range of a bounded type (an index, a length).
+class RangeException : public Exception {
+ public:
+   using Exception::Exception;
+};
+
 // Throws NameInUseException unless the constructor argument `attribute` of an
 // existing object (currentValue) equals the one a creator was called with.
 template <class T>

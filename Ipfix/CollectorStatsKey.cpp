@@ -1,0 +1,119 @@
+#include "Ipfix/CollectorStatsKey.h"
+
+#include <algorithm>
+
+#include "Vorpa/Fingerprint.h"
+
+namespace Vorpa::Ipfix {
+
+namespace {
+
+std::string_view bytesOf(const void* data, std::size_t size) {
+   return {static_cast<const char*>(data), size};
+}
+
+template <class T>
+std::string_view bytesOfValue(const T& value) {
+   return bytesOf(&value, sizeof value);
+}
+
+Kel::U64 hashName(const NameStorage& name, Kel::U64 hash) {
+   const auto used = name.used();
+   // The length goes in too, so that ("ab", "c") and ("a", "bc") differ.
+   const auto length = static_cast<Kel::U8>(used.size());
+   return fnv1a(bytesOf(used.data(), used.size()), fnv1a(bytesOf(&length, 1), hash));
+}
+
+}  // namespace
+
+CollectorInfo CollectorInfo::fromIpAndPort(const Nivel::IpAndPort& collector) {
+   return CollectorInfo(collector.ip, collector.port);
+}
+
+CollectorInfo CollectorInfo::fromIp6AndPort(const Nivel::Ip6AndPort& collector) {
+   return CollectorInfo(collector.ip, collector.port);
+}
+
+Kel::String CollectorInfo::stringValue() const {
+   return addr_.isV4() ? Nivel::IpAndPort{addr_.v4(), port_}.str()
+                       : Nivel::Ip6AndPort{addr_.v6(), port_}.str();
+}
+
+Kel::String CollectorInfo::string() const {
+   return fmt::format("Value('Vorpa::Ipfix::CollectorInfo', ** {{'addr': {}, 'port': {}}})",
+                      addr_.str(), port_);
+}
+
+Kel::U64 CollectorInfo::hash() const {
+   const Kel::U64 family = addr_.isV4() ? fnv1a(bytesOfValue(addr_.v4().value()), 4)
+                                        : fnv1a(bytesOfValue(addr_.v6().bytes()), 6);
+   return fnv1a(bytesOfValue(port_), family);
+}
+
+std::optional<CollectorInfo> CollectorInfo::parse(std::string_view text) {
+   if (const auto v4 = Nivel::IpAndPort::parse(text)) {
+      return fromIpAndPort(*v4);
+   }
+   if (const auto v6 = Nivel::Ip6AndPort::parse(text)) {
+      return fromIp6AndPort(*v6);
+   }
+   return std::nullopt;
+}
+
+CollectorStatisticsKey::CollectorStatisticsKey(const Kel::String& tracker,
+                                               const Kel::String& exporter,
+                                               const CollectorInfo& collector)
+    : collector_(collector) {
+   trackerIs(tracker);
+   exporterIs(exporter);
+}
+
+Kel::String CollectorStatisticsKey::text(const NameStorage& storage) {
+   const auto used = storage.used();
+   return Kel::String(used.begin(), used.end());
+}
+
+void CollectorStatisticsKey::textIs(NameStorage& storage, const Kel::String& text) {
+   const std::size_t sz = text.size();
+   KEL_ASSERT(sz <= StringIndex::max() + 1);
+   storage.sizeIs(sz);
+   for (std::size_t i = 0; i < sz; ++i) {
+      storage[StringIndex(i)] = static_cast<Kel::U8>(text[i]);
+   }
+}
+
+Kel::String CollectorStatisticsKey::vorpaString() const {
+   return fmt::format("{} {} {}", tracker(), exporter(), collector_.stringValue());
+}
+
+Kel::String CollectorStatisticsKey::string() const {
+   return fmt::format(
+       "Value('Vorpa::Ipfix::CollectorStatisticsKey', ** {{'collector': {}, 'trackerStorage': {}, "
+       "'exporterStorage': {}}})",
+       collector_.string(), tracker(), exporter());
+}
+
+CollectorStatisticsKey CollectorStatisticsKey::parse(std::string_view) {
+   throw Kel::Exception("No String constructor for CollectorStatisticsKey - has collection");
+}
+
+Kel::U64 CollectorStatisticsKey::hash() const {
+   return hashName(exporterStorage_, hashName(trackerStorage_, collector_.hash()));
+}
+
+std::strong_ordering CollectorStatisticsKey::operator<=>(
+    const CollectorStatisticsKey& other) const {
+   const auto names = [](const NameStorage& a, const NameStorage& b) {
+      return std::lexicographical_compare_three_way(a.used().begin(), a.used().end(),
+                                                    b.used().begin(), b.used().end());
+   };
+   if (const auto c = names(trackerStorage_, other.trackerStorage_); c != 0) {
+      return c;
+   }
+   if (const auto c = names(exporterStorage_, other.exporterStorage_); c != 0) {
+      return c;
+   }
+   return collector_ <=> other.collector_;
+}
+
+}  // namespace Vorpa::Ipfix

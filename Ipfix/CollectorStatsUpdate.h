@@ -1,0 +1,41 @@
+#pragma once
+
+#include <span>
+
+#include "Ipfix/CollectorStats.h"
+
+// How senders update the statistics, so that every writer counts alike. Times
+// are the framework's current time.
+namespace Vorpa::Ipfix {
+
+// How many records (data sets) or templates (template sets) one message
+// carried in the sets of one id.
+struct SetCount {
+   SetId setId;
+   Kel::U64 count;
+};
+
+// After an options-data message of `octets` octets with `recordsPerSet` went
+// to `collector`: one more message, its records and octets added to the
+// totals and to each set id's flow record count, last-sent and
+// options-data times now. A 14th set id raises the range error and the entry
+// stays as it was.
+void statsUpdateAfterOptionsData(CollectorStatistics& stats, const Kel::String& tracker,
+                                 const Kel::String& exporter, const CollectorInfo& collector,
+                                 Kel::U64 octets, std::span<const SetCount> recordsPerSet);
+
+// After a template or options-template message: as above, but the record total
+// stays, the templates are added to the template count of set id 2 or 3, and
+// the template time is set instead of the options-data time.
+void statsUpdateAfterTemplates(CollectorStatistics& stats, const Kel::String& tracker,
+                               const Kel::String& exporter, const CollectorInfo& collector,
+                               Kel::U64 octets, std::span<const SetCount> templatesPerSet);
+
+// A clear request for `tracker` and `exporter` (empty: every exporter of the
+// tracker): removes the matching entries, so their counts restart with the
+// next message, then records the clear time in an entry of its own under
+// (tracker, exporter, empty collector).
+void statsClear(CollectorStatistics& stats, const Kel::String& tracker,
+                const Kel::String& exporter);
+
+}  // namespace Vorpa::Ipfix

@@ -1,0 +1,82 @@
+#include "Vorpa/SlotAccess.h"
+
+#include <sched.h>
+
+#include <cstring>
+
+namespace Vorpa {
+
+namespace {
+
+// How long a reader waits for a slot the writer holds open: the first tries
+// spin (a write takes well under a microsecond), the rest give the processor
+// to the writer, which may have been preempted in the middle of one.
+constexpr int spinAttempts = 64;
+constexpr int maxAttempts = 1024;
+
+void backOff(int attempt) {
+   if (attempt < spinAttempts) {
+#if defined(__x86_64__) || defined(__i386__)
+      __builtin_ia32_pause();
+#endif
+   } else {
+      sched_yield();
+   }
+}
+
+bool validState(Kel::U32 state) {
+   return state <= static_cast<Kel::U32>(SlotState::removed);
+}
+
+}  // namespace
+
+ReadStatus slotPeek(const std::byte* slot, SlotView* view) {
+   const auto& h = *reinterpret_cast<const SlotHeader*>(slot);
+   for (int attempt = 0; attempt < maxAttempts; backOff(attempt++)) {
+      const Kel::U32 before = h.seq.load(std::memory_order_acquire);
+      if (before & 1) {
+         continue;
+      }
+      const Kel::U32 state = h.state;
+      const Kel::U64 keyHash = h.keyHash;
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (h.seq.load(std::memory_order_relaxed) != before) {
+         continue;
+      }
+      if (!validState(state)) {
+         return ReadStatus::corrupt;
+      }
+      *view = SlotView{static_cast<SlotState>(state), keyHash};
+      return ReadStatus::ok;
+   }
+   return ReadStatus::busy;
+}
+
+ReadStatus slotCopy(const std::byte* slot, const Geometry& g, void* key, void* value,
+                    SlotView* view) {
+   const auto& h = *reinterpret_cast<const SlotHeader*>(slot);
+   for (int attempt = 0; attempt < maxAttempts; backOff(attempt++)) {
+      const Kel::U32 before = h.seq.load(std::memory_order_acquire);
+      if (before & 1) {
+         continue;
+      }
+      const Kel::U32 state = h.state;
+      const Kel::U64 keyHash = h.keyHash;
+      const Kel::U64 stored = h.checksum;
+      std::memcpy(key, slot + g.keyOffset, g.key.size);
+      std::memcpy(value, slot + g.valueOffset, g.value.size);
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (h.seq.load(std::memory_order_relaxed) != before) {
+         continue;
+      }
+      if (!validState(state) ||
+          slotChecksum(state, keyHash, key, g.key.size, value, g.value.size) != stored) {
+         return ReadStatus::corrupt;
+      }
+      *view = SlotView{static_cast<SlotState>(state), keyHash};
+      return ReadStatus::ok;
+   }
+   return ReadStatus::busy;
+}
+
+}  // namespace Vorpa

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+
+#include "Vorpa/Error.h"
+#include "Vorpa/Layout.h"
+
+// One slot under its sequence lock. The writer opens a slot (odd sequence),
+// changes it and closes it (even sequence, fresh checksum); a reader copies a
+// slot and keeps the copy only if the sequence was even and unchanged around
+// it, then checks the checksum. A reader never waits for the writer beyond a
+// bounded number of retries.
+namespace Vorpa {
+
+inline SlotHeader& slotHeaderOf(std::byte* slot) {
+   return *reinterpret_cast<SlotHeader*>(slot);
+}
+
+inline void slotOpen(std::byte* slot) {
+   SlotHeader& h = slotHeaderOf(slot);
+   h.seq.store(h.seq.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+   // Readers that see any of the following stores also see the odd sequence.
+   std::atomic_thread_fence(std::memory_order_release);
+}
+
+inline bool slotIsOpen(std::byte* slot) {
+   return slotHeaderOf(slot).seq.load(std::memory_order_relaxed) & 1;
+}
+
+inline Kel::U64 slotComputeChecksum(const std::byte* slot, const Geometry& g) {
+   const auto& h = *reinterpret_cast<const SlotHeader*>(slot);
+   return slotChecksum(h.state, h.keyHash, slot + g.keyOffset, g.key.size, slot + g.valueOffset,
+                       g.value.size);
+}
+
+inline void slotClose(std::byte* slot, const Geometry& g) {
+   SlotHeader& h = slotHeaderOf(slot);
+   h.checksum = slotComputeChecksum(slot, g);
+   h.seq.store(h.seq.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+}
+
+// What a reader learns of a slot before copying it.
+struct SlotView {
+   SlotState state;
+   Kel::U64 keyHash;
+};
+
+// State and key hash only, for probing: cheap, but not checked against the
+// checksum. corrupt for a state that cannot be.
+ReadStatus slotPeek(const std::byte* slot, SlotView* view);
+
+// A consistent copy of the key and value into `key` and `value` (the
+// geometry's sizes), checked against the checksum. The copies hold the slot
+// only when the result is ok.
+ReadStatus slotCopy(const std::byte* slot, const Geometry& g, void* key, void* value,
+                    SlotView* view);
+
+}  // namespace Vorpa

@@ -1,0 +1,208 @@
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <functional>
+
+#include "Vorpa/TableReader.h"
+#include "platform/VorpaTestTypes.h"
+#include "support/ScopedTableName.h"
+
+namespace {
+
+using VorpaTest::Key;
+using VorpaTest::Value;
+using Table = Vorpa::Table<Key, Value>;
+using Reader = Vorpa::TableReader<Key, Value>;
+
+// Runs `body` in a child process that reports a fixed-size result through a
+// pipe; the parent runs `parent` meanwhile, then collects the result. The
+// child signals readiness with one byte before its body's main work (the
+// body calls `ready`).
+template <class Result>
+Result runInChild(const std::function<Result(const std::function<void()>& ready)>& body,
+                  const std::function<void()>& parent) {
+   int toParent[2];
+   EXPECT_EQ(pipe(toParent), 0);
+   const pid_t pid = fork();
+   if (pid == 0) {
+      close(toParent[0]);
+      const auto ready = [&] {
+         const char byte = 'r';
+         static_cast<void>(write(toParent[1], &byte, 1));
+      };
+      Result result{};
+      int code = 0;
+      try {
+         result = body(ready);
+      } catch (...) {
+         code = 1;
+      }
+      static_cast<void>(write(toParent[1], &result, sizeof result));
+      _exit(code);
+   }
+   close(toParent[1]);
+   char byte = 0;
+   EXPECT_EQ(read(toParent[0], &byte, 1), 1) << "child did not start";
+   parent();
+   Result result{};
+   EXPECT_EQ(read(toParent[0], &result, sizeof result), static_cast<ssize_t>(sizeof result));
+   close(toParent[0]);
+   int status = 0;
+   EXPECT_EQ(waitpid(pid, &status, 0), pid);
+   EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child failed: " << status;
+   return result;
+}
+
+constexpr Kel::U32 keyCount = 4;
+constexpr Kel::U64 writeCount = 1'000'000;
+const Key doneKey{1000, 1000};
+
+Key keyOf(Kel::U32 i) {
+   return Key{i, i};
+}
+
+// The last version the writer stores under key k: the largest n <= writeCount
+// with n % keyCount == k.
+Kel::U64 finalVersion(Kel::U32 k) {
+   return writeCount - ((writeCount - k) % keyCount);
+}
+
+struct ReaderReport {
+   Kel::U64 reads;
+   Kel::U64 readsBeforeDone;
+   Kel::U64 torn;
+   Kel::U64 regressions;
+   Kel::U64 overruns;
+   Kel::U64 missedFinal;
+   Kel::U64 wrongFinal;
+};
+
+// The reader follows the change ring as an observer would: for each change it
+// copies the entry, and after an overrun it rereads every key; in between it
+// copies every key directly, racing the writer. Each copy must
+// be intact (all fields from one write) and no older than the last copy of
+// that key. Once it sees `doneKey`, what it followed must be the final value
+// of every key, and so must a fresh read.
+ReaderReport followWrites(const Kel::Name& name, const std::function<void()>& ready) {
+   const Reader reader = Reader::mount(name);
+   ReaderReport report{};
+   std::array<Kel::U64, keyCount> latest{};
+   const auto readKey = [&](Kel::U32 k) {
+      Value v;
+      Vorpa::ReadStatus status;
+      do {
+         status = reader.entry(keyOf(k), v);
+      } while (status == Vorpa::ReadStatus::busy);
+      ++report.reads;
+      if (status != Vorpa::ReadStatus::ok || !v.intact()) {
+         ++report.torn;
+      } else if (v.version < latest[k]) {
+         ++report.regressions;
+      } else {
+         latest[k] = v.version;
+      }
+   };
+   Kel::U64 cursor = reader.changeSeq();
+   std::vector<Vorpa::Change<Key>> changes;
+   ready();
+   bool done = false;
+   while (!done) {
+      changes.clear();
+      if (reader.changesSince(cursor, changes) != Vorpa::FollowStatus::ok) {
+         ++report.overruns;
+         // `doneKey` first: when it is there, the keys read next are final.
+         Value v;
+         done = reader.entry(doneKey, v) == Vorpa::ReadStatus::ok;
+         for (Kel::U32 k = 0; k < keyCount; ++k) {
+            readKey(k);
+         }
+      }
+      for (const auto& c : changes) {
+         if (c.key == doneKey) {
+            done = true;
+         } else {
+            readKey(c.key.id);
+         }
+      }
+      // Direct reads race the writer, which is busy with one of these keys.
+      for (Kel::U32 k = 0; k < keyCount; ++k) {
+         readKey(k);
+      }
+      if (!done) {
+         report.readsBeforeDone = report.reads;
+         if (changes.empty()) {
+            reader.waitForChange(cursor);
+         }
+      }
+   }
+   for (Kel::U32 k = 0; k < keyCount; ++k) {
+      report.missedFinal += latest[k] != finalVersion(k);
+      Value v;
+      report.wrongFinal +=
+          reader.entry(keyOf(k), v) != Vorpa::ReadStatus::ok || !(v == Value::of(finalVersion(k)));
+   }
+   return report;
+}
+
+TEST(VorpaMultiProcess, ReaderNeverSeesATornEntryNorMissesAFinalValue) {
+   const TestSupport::ScopedTableName name("torn");
+   Table table = Table::create(name, 64, 256);
+   for (Kel::U32 k = 0; k < keyCount; ++k) {
+      ASSERT_TRUE(table.entryIs(keyOf(k), Value::of(0)));
+   }
+   const ReaderReport report = runInChild<ReaderReport>(
+       [&](const std::function<void()>& ready) { return followWrites(name, ready); },
+       [&] {
+          for (Kel::U64 n = 1; n <= writeCount; ++n) {
+             table.entryIs(keyOf(static_cast<Kel::U32>(n % keyCount)), Value::of(n));
+          }
+          table.entryIs(doneKey, Value::of(writeCount));
+       });
+   EXPECT_GT(report.readsBeforeDone, 1000u) << "the reader did not overlap the writes";
+   EXPECT_EQ(report.torn, 0u);
+   EXPECT_EQ(report.regressions, 0u);
+   EXPECT_EQ(report.missedFinal, 0u);
+   EXPECT_EQ(report.wrongFinal, 0u);
+   RecordProperty("reads", std::to_string(report.reads));
+   RecordProperty("overruns", std::to_string(report.overruns));
+}
+
+// A reader asleep in waitForChange (no timeout) is woken by a write in
+// another process and finds the change.
+TEST(VorpaMultiProcess, SleepingReaderIsWokenByTheWriter) {
+   const TestSupport::ScopedTableName name("wake");
+   Table table = Table::create(name, 8);
+   struct Woken {
+      Kel::U32 keyId;
+      Kel::U64 version;
+   };
+   const Woken woken = runInChild<Woken>(
+       [&](const std::function<void()>& ready) {
+          const Reader reader = Reader::mount(name);
+          Kel::U64 cursor = reader.changeSeq();
+          ready();
+          while (!reader.waitForChange(cursor)) {
+          }
+          std::vector<Vorpa::Change<Key>> changes;
+          reader.changesSince(cursor, changes);
+          Value v;
+          reader.entry(changes.at(0).key, v);
+          return Woken{changes.at(0).key.id, v.version};
+       },
+       [&] {
+          // Write only once the child has announced that it sleeps, so that
+          // the wake-up, not a check before sleeping, delivers the change.
+          while (table.segment().waiterBlock().sleepers.load() == 0) {
+             sched_yield();
+          }
+          table.entryIs(Key{42, 1}, Value::of(4242));
+       });
+   EXPECT_EQ(woken.keyId, 42u);
+   EXPECT_EQ(woken.version, 4242u);
+   EXPECT_EQ(table.segment().waiterBlock().sleepers.load(), 0u) << "the writer cleared the flag";
+}
+
+}  // namespace

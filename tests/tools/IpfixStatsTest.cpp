@@ -1,0 +1,306 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <regex>
+
+#include "Ipfix/CollectorStatsUpdate.h"
+#include "Kel/System.h"
+#include "support/ScopedTableName.h"
+#include "support/SegmentBytes.h"
+#include "tools/ChildProcess.h"
+
+namespace {
+
+using TestSupport::ChildProcess;
+using Vorpa::Ipfix::CollectorInfo;
+using Vorpa::Ipfix::SetCount;
+using Vorpa::Ipfix::SetId;
+
+const std::string ipfixStats = IPFIX_STATS_PATH;
+
+CollectorInfo collector(const char* text) {
+   return CollectorInfo::parse(text).value();
+}
+
+// The agent's side: a statistics table written through the update rules at
+// times a known number of seconds before the real present, which is what the
+// tool measures ages against.
+class IpfixStatsTest : public ::testing::Test {
+ protected:
+   void SetUp() override {
+      const SetCount templates[] = {{SetId(2), 3}};
+      const SetCount data[] = {{SetId(256), 5}, {SetId(257), 2}};
+      const SetCount one[] = {{SetId(256), 1}};
+      const CollectorInfo v4 = collector("192.0.2.1:4739");
+      const CollectorInfo v6 = collector("[2001:db8::1]:4739");
+      const CollectorInfo other = collector("192.0.2.7:2055");
+      const auto at = [&](Kel::Seconds secondsAgo) {
+         clock.clock().advanceTo(writtenAt - secondsAgo);
+      };
+      at(100);
+      Vorpa::Ipfix::statsUpdateAfterTemplates(*stats, "ft1", "exp1", v4, 200, templates);
+      Vorpa::Ipfix::statsUpdateAfterTemplates(*stats, "ft1", "exp1", v6, 200, templates);
+      at(50);
+      Vorpa::Ipfix::statsUpdateAfterOptionsData(*stats, "ft1", "exp1", v4, 300, data);
+      at(20);
+      Vorpa::Ipfix::statsClear(*stats, "ft1", "exp2");
+      at(10);
+      Vorpa::Ipfix::statsUpdateAfterOptionsData(*stats, "ft2", "exp9", other, 90, one);
+      at(5);
+      Vorpa::Ipfix::statsClear(*stats, "ft2", "");
+      at(1);
+      Vorpa::Ipfix::statsUpdateAfterOptionsData(*stats, "ft2", "exp9", other, 90, one);
+   }
+
+   // Seconds since the entries were written, measured after the tool ran:
+   // every age it printed lies between the nominal age and that plus this.
+   Kel::Seconds elapsed() const { return Kel::SystemClock().monotonic() - writtenAt; }
+
+   // Checks `actual` against `expected` exactly, except that a number under a
+   // key ending in "SecondsAgo" may exceed its nominal value by the time the
+   // test took.
+   void expectJson(const nlohmann::json& actual, const nlohmann::json& expected, Kel::Seconds late,
+                   const std::string& path = "") const {
+      if (expected.is_object()) {
+         ASSERT_TRUE(actual.is_object()) << path;
+         ASSERT_EQ(actual.size(), expected.size()) << path << ": " << actual.dump();
+         for (const auto& [key, value] : expected.items()) {
+            ASSERT_TRUE(actual.contains(key)) << path << "." << key;
+            if (key.ends_with("SecondsAgo") && value.is_number()) {
+               const double age = actual[key].get<double>();
+               EXPECT_GE(age, value.get<double>() - 0.05) << path << "." << key;
+               EXPECT_LE(age, value.get<double>() + late + 0.05) << path << "." << key;
+            } else {
+               expectJson(actual[key], value, late, path + "." + key);
+            }
+         }
+      } else if (expected.is_array()) {
+         ASSERT_TRUE(actual.is_array()) << path;
+         ASSERT_EQ(actual.size(), expected.size()) << path << ": " << actual.dump();
+         for (std::size_t i = 0; i < expected.size(); ++i) {
+            expectJson(actual[i], expected[i], late, path + "[" + std::to_string(i) + "]");
+         }
+      } else {
+         EXPECT_EQ(actual, expected) << path;
+      }
+   }
+
+   const TestSupport::ScopedTableName name{"tool"};
+   const Kel::Seconds writtenAt = Kel::System::currentTime();
+   Kel::ScopedManualClock clock{writtenAt - 1000};
+   Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> stats =
+       Vorpa::Ipfix::collectorStatisticsFactory(name, 16);
+};
+
+// Replaces each "<age> s ago" with "N s ago" and returns the ages in order.
+std::vector<double> takeAges(std::string& text) {
+   static const std::regex age(R"(([0-9]+\.[0-9]) s ago)");
+   std::vector<double> ages;
+   for (auto it = std::sregex_iterator(text.begin(), text.end(), age); it != std::sregex_iterator();
+        ++it) {
+      ages.push_back(std::stod((*it)[1]));
+   }
+   text = std::regex_replace(text, age, "N s ago");
+   return ages;
+}
+
+TEST_F(IpfixStatsTest, PrintsEveryCollectorWithAgesAndClearTimes) {
+   const ChildProcess::Result result = ChildProcess::run({ipfixStats, "--table", name.str()});
+   const Kel::Seconds late = elapsed();
+   ASSERT_EQ(result.exitCode, 0) << result.err;
+   EXPECT_EQ(result.err, "");
+   std::string text = result.out;
+   const std::vector<double> ages = takeAges(text);
+   EXPECT_EQ(text,
+             "Table " + name.str() +
+                 ": 3 collectors, capacity 16, 0 inserts refused\n"
+                 "Tracker ft1, cleared never\n"
+                 "  Exporter exp1, cleared never\n"
+                 "    Collector 192.0.2.1:4739\n"
+                 "      messages 2, records 7, octets 500\n"
+                 "      last sent N s ago, template N s ago, data never, options data N s ago\n"
+                 "      set 2: 0 records, 3 templates\n"
+                 "      set 256: 5 records, 0 templates\n"
+                 "      set 257: 2 records, 0 templates\n"
+                 "    Collector [2001:db8::1]:4739\n"
+                 "      messages 1, records 0, octets 200\n"
+                 "      last sent N s ago, template N s ago, data never, options data never\n"
+                 "      set 2: 0 records, 3 templates\n"
+                 "  Exporter exp2, cleared N s ago\n"
+                 "Tracker ft2, cleared N s ago\n"
+                 "  Exporter exp9, cleared N s ago\n"
+                 "    Collector 192.0.2.7:2055\n"
+                 "      messages 1, records 1, octets 90\n"
+                 "      last sent N s ago, template never, data never, options data N s ago\n"
+                 "      set 256: 1 records, 0 templates\n");
+   const std::vector<double> nominal = {50, 100, 50, 100, 100, 20, 5, 5, 1, 1};
+   ASSERT_EQ(ages.size(), nominal.size());
+   for (std::size_t i = 0; i < nominal.size(); ++i) {
+      EXPECT_GE(ages[i], nominal[i] - 0.05) << i;
+      EXPECT_LE(ages[i], nominal[i] + late + 0.05) << i;
+   }
+}
+
+TEST_F(IpfixStatsTest, PrintsTheSameAsJson) {
+   const ChildProcess::Result result =
+       ChildProcess::run({ipfixStats, "--json", "--table", name.str()});
+   const Kel::Seconds late = elapsed();
+   ASSERT_EQ(result.exitCode, 0) << result.err;
+   const auto noSets = nlohmann::json::array();
+   const nlohmann::json expected = {
+       {"table", name.str()},
+       {"capacity", 16},
+       {"insertsRefused", 0},
+       {"trackers",
+        {{{"name", "ft1"},
+          {"clearedSecondsAgo", nullptr},
+          {"exporters",
+           {{{"name", "exp1"},
+             {"clearedSecondsAgo", nullptr},
+             {"collectors",
+              {{{"collector", "192.0.2.1:4739"},
+                {"messages", 2},
+                {"records", 7},
+                {"octets", 500},
+                {"lastSentSecondsAgo", 50},
+                {"lastTemplateSentSecondsAgo", 100},
+                {"lastDataRecordSentSecondsAgo", nullptr},
+                {"lastOptionsDataSentSecondsAgo", 50},
+                {"sets",
+                 {{{"setId", 2}, {"records", 0}, {"templates", 3}},
+                  {{"setId", 256}, {"records", 5}, {"templates", 0}},
+                  {{"setId", 257}, {"records", 2}, {"templates", 0}}}}},
+               {{"collector", "[2001:db8::1]:4739"},
+                {"messages", 1},
+                {"records", 0},
+                {"octets", 200},
+                {"lastSentSecondsAgo", 100},
+                {"lastTemplateSentSecondsAgo", 100},
+                {"lastDataRecordSentSecondsAgo", nullptr},
+                {"lastOptionsDataSentSecondsAgo", nullptr},
+                {"sets", {{{"setId", 2}, {"records", 0}, {"templates", 3}}}}}}}},
+            {{"name", "exp2"}, {"clearedSecondsAgo", 20}, {"collectors", noSets}}}}},
+         {{"name", "ft2"},
+          {"clearedSecondsAgo", 5},
+          {"exporters",
+           {{{"name", "exp9"},
+             {"clearedSecondsAgo", 5},
+             {"collectors",
+              {{{"collector", "192.0.2.7:2055"},
+                {"messages", 1},
+                {"records", 1},
+                {"octets", 90},
+                {"lastSentSecondsAgo", 1},
+                {"lastTemplateSentSecondsAgo", nullptr},
+                {"lastDataRecordSentSecondsAgo", nullptr},
+                {"lastOptionsDataSentSecondsAgo", 1},
+                {"sets", {{{"setId", 256}, {"records", 1}, {"templates", 0}}}}}}}}}}}}}};
+   expectJson(nlohmann::json::parse(result.out), expected, late);
+}
+
+// --watch sleeps on the table until the agent changes it, then prints again.
+TEST_F(IpfixStatsTest, WatchPrintsAgainAfterEveryChange) {
+   ChildProcess watch({ipfixStats, "--watch", "--json", "--table", name.str()});
+   // Messages of ft2's one collector in the next report; null once it is gone.
+   const auto messagesOfFt2 = [&]() -> nlohmann::json {
+      const auto line = watch.readLine();
+      EXPECT_TRUE(line.has_value());
+      const auto exporters = nlohmann::json::parse(line.value_or("{}"))["trackers"][1]["exporters"];
+      return exporters.empty() ? nlohmann::json(nullptr)
+                               : exporters[0]["collectors"][0]["messages"];
+   };
+   const auto waitUntilAsleep = [&] {
+      const auto& sleepers = stats->statsControl().segment().waiterBlock().sleepers;
+      const Kel::Seconds limit = Kel::SystemClock().monotonic() + 60;
+      while (sleepers.load() == 0 && Kel::SystemClock().monotonic() < limit) {
+         sched_yield();
+      }
+      ASSERT_EQ(sleepers.load(), 1u) << "the watch does not sleep on the table";
+   };
+   const SetCount one[] = {{SetId(256), 1}};
+   const CollectorInfo other = collector("192.0.2.7:2055");
+
+   EXPECT_EQ(messagesOfFt2(), 1);
+   waitUntilAsleep();
+   Vorpa::Ipfix::statsUpdateAfterOptionsData(*stats, "ft2", "exp9", other, 90, one);
+   EXPECT_EQ(messagesOfFt2(), 2);
+   waitUntilAsleep();
+   stats->statsDel(Vorpa::Ipfix::CollectorStatisticsKey("ft2", "exp9", other));
+   EXPECT_EQ(messagesOfFt2(), nullptr);
+
+   watch.signal(SIGTERM);
+   const ChildProcess::Result end = watch.finish();
+   EXPECT_EQ(end.exitCode, 0) << "an interrupted watch ends cleanly: " << end.err;
+   EXPECT_EQ(end.out, "");
+}
+
+TEST(IpfixStatsErrors, OneLineAndADistinctExitCodeEach) {
+   std::vector<std::unique_ptr<TestSupport::ScopedTableName>> names;
+   const auto freshName = [&] {
+      names.push_back(std::make_unique<TestSupport::ScopedTableName>("toolerr"));
+      return names.back()->str();
+   };
+   std::vector<Kel::Ptr<Vorpa::Ipfix::CollectorStatistics>> writers;
+   const auto statsTable = [&] {
+      const std::string name = freshName();
+      writers.push_back(Vorpa::Ipfix::collectorStatisticsFactory(name, 4));
+      writers.back()->statsIs(Vorpa::Ipfix::CollectorStatisticsEntry(
+          Vorpa::Ipfix::CollectorStatisticsKey("ft-damaged", "exp1", collector("192.0.2.1:1"))));
+      return name;
+   };
+   std::vector<Vorpa::Table<Kel::U64, Kel::U64>> otherTables;
+   const struct {
+      const char* what;
+      std::function<std::vector<std::string>()> args;
+      int exitCode;
+      const char* message;
+   } cases[] = {
+       {"missing",
+        [&] {
+           return std::vector<std::string>{"--table", freshName()};
+        },
+        3, "no table named"},
+       {"bad name",
+        [] {
+           return std::vector<std::string>{"--table", "a/b"};
+        },
+        2, "invalid table name 'a/b'"},
+       {"other layout",
+        [&] {
+           const std::string name = freshName();
+           otherTables.push_back(Vorpa::Table<Kel::U64, Kel::U64>::create(name, 4));
+           return std::vector<std::string>{"--table", name};
+        },
+        4, "holds other key or value types"},
+       {"corrupt header",
+        [&] {
+           const std::string name = statsTable();
+           TestSupport::SegmentBytes(name).bytes()[40] ^= 1;
+           return std::vector<std::string>{"--table", name};
+        },
+        5, "has a corrupt header"},
+       {"corrupt entry",
+        [&] {
+           const std::string name = statsTable();
+           TestSupport::SegmentBytes bytes(name);
+           bytes.bytes()[bytes.find("ft-damaged", 10)] ^= 1;
+           return std::vector<std::string>{"--table", name};
+        },
+        5, "has 1 corrupt entries"},
+   };
+   for (const auto& c : cases) {
+      SCOPED_TRACE(c.what);
+      std::vector<std::string> args = c.args();
+      args.insert(args.begin(), ipfixStats);
+      const ChildProcess::Result result = ChildProcess::run(args);
+      EXPECT_EQ(result.exitCode, c.exitCode);
+      EXPECT_EQ(result.out, "");
+      EXPECT_TRUE(result.err.starts_with("ipfix-stats: ")) << result.err;
+      EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
+      EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << "one line: " << result.err;
+   }
+   const ChildProcess::Result usage = ChildProcess::run({ipfixStats, "--frobnicate"});
+   EXPECT_EQ(usage.exitCode, 2);
+}
+
+}  // namespace

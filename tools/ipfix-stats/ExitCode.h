@@ -1,0 +1,34 @@
+#pragma once
+
+#include "Vorpa/Error.h"
+
+namespace IpfixStats {
+
+// The exit status of ipfix-stats, one per kind of failure so that scripts can
+// tell them apart.
+enum ExitCode : int {
+   exitOk = 0,
+   exitFailure = 1,  // a system error: permissions, memory
+   exitUsage = 2,    // bad command line or table name
+   exitMissing = 3,  // no such table
+   exitOtherLayout = 4,
+   exitCorrupt = 5,
+};
+
+inline ExitCode exitCodeFor(Vorpa::MountProblem problem) {
+   switch (problem) {
+      case Vorpa::MountProblem::invalidName:
+         return exitUsage;
+      case Vorpa::MountProblem::missing:
+         return exitMissing;
+      case Vorpa::MountProblem::otherLayout:
+         return exitOtherLayout;
+      case Vorpa::MountProblem::corrupt:
+         return exitCorrupt;
+      case Vorpa::MountProblem::system:
+         break;
+   }
+   return exitFailure;
+}
+
+}  // namespace IpfixStats

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "Ipfix/CollectorStats.h"
+
+// The statistics grouped per tracker and exporter, and their two printed
+// forms: a text listing for people and JSON for programs.
+namespace IpfixStats {
+
+struct ExporterStats {
+   Kel::String name;
+   // When the exporter's counters were last cleared, by a request for it or
+   // for its whole tracker; 0 for never.
+   Kel::Seconds cleared = 0;
+   std::vector<Vorpa::Ipfix::CollectorStatisticsEntry> collectors;
+};
+
+struct TrackerStats {
+   Kel::String name;
+   Kel::Seconds cleared = 0;  // by a request for the whole tracker
+   std::vector<ExporterStats> exporters;
+};
+
+struct TableSummary {
+   Kel::String name;
+   Kel::U32 capacity = 0;
+   Kel::U64 insertsRefused = 0;
+};
+
+// Groups entries by tracker and exporter, in name order. Entries with the
+// empty collector carry clear times and become the `cleared` fields.
+std::vector<TrackerStats> groupEntries(std::vector<Vorpa::Ipfix::CollectorStatisticsEntry> entries);
+
+// "3.2 s ago", or "never" for time 0.
+std::string ageText(Kel::Seconds time, Kel::Seconds now);
+
+std::string textReport(const TableSummary& table, const std::vector<TrackerStats>& trackers,
+                       Kel::Seconds now);
+// Ages in seconds, null for never.
+nlohmann::json jsonReport(const TableSummary& table, const std::vector<TrackerStats>& trackers,
+                          Kel::Seconds now);
+
+}  // namespace IpfixStats

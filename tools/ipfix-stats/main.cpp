@@ -1,0 +1,104 @@
+// ipfix-stats: prints the collector statistics that the flow-tracking agent
+// keeps in shared memory, once or after every change.
+
+#include <signal.h>
+
+#include <CLI/CLI.hpp>
+#include <csignal>
+#include <iostream>
+
+#include "ExitCode.h"
+#include "Kel/System.h"
+#include "StatsSnapshot.h"
+
+namespace {
+
+using IpfixStats::ExitCode;
+
+volatile std::sig_atomic_t stopRequested = 0;
+
+void requestStop(int) {
+   stopRequested = 1;
+}
+
+// Installed without SA_RESTART, so that a watch asleep on the table wakes up
+// and ends cleanly.
+void installStopHandlers() {
+   struct sigaction action {};
+   action.sa_handler = requestStop;
+   sigemptyset(&action.sa_mask);
+   sigaction(SIGINT, &action, nullptr);
+   sigaction(SIGTERM, &action, nullptr);
+}
+
+struct Options {
+   std::string table{Vorpa::Ipfix::defaultCollectorStatisticsTableName};
+   bool json = false;
+   bool watch = false;
+};
+
+void print(const IpfixStats::Snapshot& snapshot, const Options& options) {
+   const Kel::Seconds now = Kel::System::currentTime();
+   if (options.json) {
+      // One document per line when watching, so that a consumer can split them.
+      std::cout << jsonReport(snapshot.summary, snapshot.trackers, now).dump(options.watch ? -1 : 2)
+                << '\n';
+   } else {
+      std::cout << textReport(snapshot.summary, snapshot.trackers, now);
+   }
+   std::cout.flush();
+}
+
+ExitCode run(const Options& options) {
+   const auto reader = Vorpa::Ipfix::CollectorStatisticsReader::mount(options.table);
+   // The sequence is taken before each snapshot, so a change made while it is
+   // taken brings another one.
+   Kel::U64 cursor = reader.changeSeq();
+   print(IpfixStats::takeSnapshot(reader), options);
+   if (options.watch) {
+      installStopHandlers();
+   }
+   while (options.watch && !stopRequested) {
+      if (reader.waitForChange(cursor)) {
+         cursor = reader.changeSeq();
+         if (!options.json) {
+            std::cout << '\n';
+         }
+         print(IpfixStats::takeSnapshot(reader), options);
+      }
+   }
+   return IpfixStats::exitOk;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+   CLI::App app{
+       "Prints the IPFIX export statistics of every collector, per flow tracker and exporter, "
+       "from the flow-tracking agent's shared-memory table."};
+   Options options;
+   app.add_option("--table", options.table, "Name of the statistics table")->capture_default_str();
+   app.add_flag("--json", options.json, "Print JSON instead of text");
+   app.add_flag("--watch", options.watch,
+                "Print again after every change of the table, until interrupted");
+   app.footer(
+       "Exit status: 0 success, 1 system error, 2 bad usage or table name, 3 no such table, "
+       "4 table of another layout or version, 5 corrupt table.");
+   try {
+      app.parse(argc, argv);
+   } catch (const CLI::ParseError& e) {
+      return app.exit(e) == 0 ? IpfixStats::exitOk : IpfixStats::exitUsage;
+   }
+   try {
+      return run(options);
+   } catch (const Vorpa::MountError& e) {
+      std::cerr << "ipfix-stats: " << e.what() << '\n';
+      return IpfixStats::exitCodeFor(e.problem());
+   } catch (const IpfixStats::CorruptTable& e) {
+      std::cerr << "ipfix-stats: " << e.what() << '\n';
+      return IpfixStats::exitCorrupt;
+   } catch (const std::exception& e) {
+      std::cerr << "ipfix-stats: " << e.what() << '\n';
+      return IpfixStats::exitFailure;
+   }
+}
