@@ -472,6 +472,33 @@ void TemplateSm::clearCounters() {
       return;
    }
    KEL_TRACE(traceIpfix, 3, "clear counters");
+   const bool everything = request.tracker.empty() && request.exporter.empty();
+   std::vector<Vorpa::Ipfix::CollectorStatisticsKey> matching;
+   collStats_->statsControl().forEach([&](const Vorpa::Ipfix::CollectorStatisticsKey& key,
+                                          const Vorpa::Ipfix::CollectorStatisticsEntry&) {
+      if (everything && key.exporter().empty() &&
+          key.collector() == Vorpa::Ipfix::CollectorInfo()) {
+         KEL_TRACE(traceIpfix, 3, "skip 'clear time' entry");
+         return;
+      }
+      if ((!request.tracker.empty() && key.tracker() != request.tracker) ||
+          (!request.exporter.empty() && key.exporter() != request.exporter)) {
+         KEL_TRACE(traceIpfix, 3, "tracker \"{}\" exporter \"{}\" did not match", key.tracker(),
+                   key.exporter());
+         return;
+      }
+      matching.push_back(key);
+   });
+   // Each collector's counters restart with its next message; the clear time
+   // lives in an entry of its own beside them.
+   for (const auto& key : matching) {
+      collStats_->statsDel(key);
+      Vorpa::Ipfix::CollectorStatisticsEntry cleared(Vorpa::Ipfix::CollectorStatisticsKey(
+          key.tracker(), request.exporter.empty() ? Kel::String() : key.exporter(),
+          Vorpa::Ipfix::CollectorInfo()));
+      cleared.lastClearedTimeIs(Kel::System::currentTime());
+      collStats_->statsIs(cleared);
+   }
 }
 
 }  // namespace FlowTracking

@@ -35,7 +35,11 @@ Kel::U32 BuilderWrapper::addSetRecord(TemplateId setId, const DataRecordPtr& rec
    }
    const Kel::U32 consumed = builder_->addSetRecord(setId, record);
    if (consumed > 0) {
-      ++msgWrap_->setRecord[setId];
+      auto& sets = msgWrap_->setRecord;
+      if (sets.empty() || sets.back().setId != Vorpa::Ipfix::SetId(setId)) {
+         sets.push_back({Vorpa::Ipfix::SetId(setId), 0});
+      }
+      ++sets.back().count;
    }
    return consumed;
 }

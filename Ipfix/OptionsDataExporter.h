@@ -2,6 +2,7 @@
 
 #include <map>
 
+#include "Ipfix/CollectorStatsUpdate.h"
 #include "Ipfix/MessageBuilder.h"
 #include "Ipfix/OptionsData.h"
 
@@ -34,7 +35,8 @@ class UpdateSetQueue {
 // for the collectors' statistics.
 struct MessageWrapper : Kel::PtrInterface {
    Kel::Ptr<Message> msg;
-   std::map<TemplateId, Kel::U64> setRecord;
+   // Records per set id, in the order the sets appear.
+   std::vector<Vorpa::Ipfix::SetCount> setRecord;
 
    Kel::U32 recordCount() const { return msg ? msg->recordCount() : 0; }
 };

@@ -70,11 +70,9 @@ void Collector::sendMessage(const OptionsDataExporterSm& exporter,
 
 void Collector::updateStats(const OptionsDataExporterSm& exporter, const MessageWrapper& msgWrap,
                             Kel::U32 octets) const {
-   Vorpa::Ipfix::recordOptionsDataMessage(
-       *exporter.collStats(),
-       Vorpa::Ipfix::CollectorStatisticsKey(exporter.ftName(), exporter.expName(),
-                                            statsCollector()),
-       msgWrap.recordCount(), octets, msgWrap.setRecord);
+   Vorpa::Ipfix::statsUpdateAfterOptionsData(*exporter.collStats(), exporter.ftName(),
+                                             exporter.expName(), statsCollector(), octets,
+                                             msgWrap.setRecord);
 }
 
 // ---------------------------------------------------------------------------

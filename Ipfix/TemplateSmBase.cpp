@@ -1,5 +1,6 @@
 #include "Ipfix/TemplateSmBase.h"
 
+#include "Ipfix/CollectorStatsUpdate.h"
 #include "Ipfix/FlowTrackerPktTxUtil.h"
 #include "Kel/Exception.h"
 #include "Kel/System.h"
@@ -330,9 +331,10 @@ void TemplateExporterSmBase::stopPeriodicTemplateTx_() {
 }
 
 void TemplateExporterSmBase::updateStats(const Vorpa::Ipfix::CollectorInfo& collector) {
-   Vorpa::Ipfix::recordTemplateMessage(
-       *collStats_, Vorpa::Ipfix::CollectorStatisticsKey(ftName_, expName_, collector),
-       templatePktMsgLen_, Vorpa::Ipfix::SetId(headerSetId()), templatePktTemplateCount_);
+   const Vorpa::Ipfix::SetCount templates[] = {
+       {Vorpa::Ipfix::SetId(headerSetId()), templatePktTemplateCount_}};
+   Vorpa::Ipfix::statsUpdateAfterTemplates(*collStats_, ftName_, expName_, collector,
+                                           templatePktMsgLen_, templates);
 }
 
 void TemplateExporterSmBase::statsDel(const Vorpa::Ipfix::CollectorInfo& collector) {

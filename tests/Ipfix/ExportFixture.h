@@ -70,7 +70,8 @@ class ExportFixture : public TrackingTreeFixture {
    Kel::Ptr<HwFlowTracking::Status> hwStatus_ = Kel::makeActive<HwFlowTracking::Status>();
    Kel::Ptr<FlowTracking::ConfigReq> configReq_ = Kel::makeActive<FlowTracking::ConfigReq>();
    Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> stats_ =
-       Kel::makeActive<Vorpa::Ipfix::CollectorStatistics>();
+       Kel::makeActive<Vorpa::Ipfix::CollectorStatistics>(
+           "stats", Vorpa::Ipfix::CollectorStatisticsTable::createAnonymous("stats", 64));
    Kel::Ptr<FlowTracking::TemplateSm> templateSm_;
    std::vector<std::unique_ptr<TestSupport::UdpReceiver>> receivers_;
 };

@@ -126,8 +126,10 @@ TEST_F(OptionsDataExportTest, FullTablesReachEveryCollectorAfterItsOptionsTempla
    startExporter();
    EXPECT_TRUE(exporter_->collector().empty()) << "nobody has options templates yet";
    sched_->runFor(0);
+   std::size_t msgCount = 0;
    for (auto* c : {&c4_, &c6_}) {
       const auto datagrams = c->dataDatagrams();
+      msgCount = datagrams.size();
       ASSERT_GT(datagrams.size(), 1u) << "300 records need several messages";
       EXPECT_EQ(sorted(c->records(datagrams)), expectedTable(300));
       // Each message is numbered by the records sent to this collector before.
@@ -142,6 +144,14 @@ TEST_F(OptionsDataExportTest, FullTablesReachEveryCollectorAfterItsOptionsTempla
    EXPECT_EQ(info->collInfo("c4")->ipfixMsgSeqNo().value(), 300u);
    EXPECT_EQ(info->collInfo("c6")->ipfixMsgSeqNo().value(), 300u);
    EXPECT_EQ(exporter_->msgCacheBuildCount(), 1u) << "both collectors share one encoding";
+
+   const auto entry = stats_->stats(Vorpa::Ipfix::CollectorStatisticsKey(
+       "t1", "e1", Vorpa::Ipfix::CollectorInfo::fromIpAndPort(rx4_.ipAndPort())));
+   ASSERT_TRUE(entry.has_value());
+   EXPECT_EQ(entry->exportedFlowRecordTotalCount(), 300u);
+   EXPECT_EQ(entry->setEntry(Vorpa::Ipfix::SetId(intfSetId)).exportedFlowRecordCount(), 300u);
+   EXPECT_EQ(entry->lastOptionsDataSentTime(), Kel::System::currentTime());
+   EXPECT_EQ(entry->exportedMessageTotalCount(), 1u + msgCount) << "options templates, then data";
 }
 
 TEST_F(OptionsDataExportTest, OneCachedMessageCarriesEachCollectorsOwnSequence) {

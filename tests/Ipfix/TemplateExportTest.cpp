@@ -218,3 +218,51 @@ TEST_F(TemplateExportTest, RemovedExporterAndCollectorStopSending) {
 }
 
 }  // namespace
+
+namespace {
+
+using Vorpa::Ipfix::CollectorInfo;
+using Vorpa::Ipfix::CollectorStatisticsKey;
+using Vorpa::Ipfix::SetId;
+
+TEST_F(TemplateExportTest, StatisticsCountWhatWasSentAndClearingRestartsThem) {
+   startTemplates();
+   sched_->runFor(0);
+   const Learnt l = learn(rx4_, 7);
+   ASSERT_EQ(l.datagrams.size(), 2u);
+   const CollectorStatisticsKey key4("t1", "e1", CollectorInfo::fromIpAndPort(rx4_.ipAndPort()));
+   const auto entry = stats_->stats(key4);
+   ASSERT_TRUE(entry.has_value());
+   EXPECT_EQ(entry->exportedMessageTotalCount(), 2u);
+   EXPECT_EQ(entry->exportedOctetTotalCount(),
+             l.datagrams[0].payload.size() + l.datagrams[1].payload.size());
+   EXPECT_EQ(entry->exportedFlowRecordTotalCount(), 0u);
+   EXPECT_EQ(entry->setEntry(SetId(2)).exportedTemplateCount(), 2u) << "256 has no entries";
+   EXPECT_EQ(entry->setEntry(SetId(3)).exportedTemplateCount(), 4u);
+   EXPECT_EQ(entry->lastTemplateSentTime(), Kel::System::currentTime());
+
+   // Clearing the tracker: its collector entries go, one clear-time entry
+   // remains beside them until the next message.
+   clock_.advance(5);
+   configReq_->clearCountersIs({"t1", "", Kel::System::currentTime()});
+   EXPECT_FALSE(stats_->stats(key4).has_value());
+   const auto cleared = stats_->stats(CollectorStatisticsKey("t1", "", CollectorInfo()));
+   ASSERT_TRUE(cleared.has_value());
+   EXPECT_EQ(cleared->lastClearedTime(), Kel::System::currentTime());
+   EXPECT_EQ(cleared->exportedMessageTotalCount(), 0u);
+
+   // A request for another tracker leaves everything alone.
+   sched_->runFor(30);
+   configReq_->clearCountersIs({"t9", "", Kel::System::currentTime()});
+   EXPECT_EQ(stats_->stats(key4)->exportedMessageTotalCount(), 2u);
+
+   // Removing a collector removes its entry.
+   exp_->collectorIpAndPortDel("c4");
+   EXPECT_FALSE(stats_->stats(key4).has_value());
+   EXPECT_TRUE(stats_
+                   ->stats(CollectorStatisticsKey("t1", "e1",
+                                                  CollectorInfo::fromIp6AndPort(rx6_.ip6AndPort())))
+                   .has_value());
+}
+
+}  // namespace
