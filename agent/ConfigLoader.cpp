@@ -2,7 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -45,7 +47,12 @@ class Loader {
          readRoot(*doc, config);
       }
       if (!r_.errors().empty()) {
-         return {std::nullopt, r_.errors()};
+         // In file order; errors of one line in the order they were found.
+         ConfigErrors errors = r_.errors();
+         std::stable_sort(
+             errors.begin(), errors.end(),
+             [](const ConfigError& a, const ConfigError& b) { return a.line < b.line; });
+         return {std::nullopt, std::move(errors)};
       }
       return {std::move(config), {}};
    }
@@ -250,19 +257,24 @@ class Loader {
    }
 
    std::optional<HwFlowTracking::TemplateId> dataTemplateId(const YamlValue& v) {
-      const auto id = r_.integer(v, Limits::minDataTemplateId, Kel::maxU16(), "a template id");
+      if (v.node.IsScalar()) {
+         const Kel::String& text = v.node.Scalar();
+         Kel::U16 id = 0;
+         const auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), id);
+         if (ec == std::errc() && end == text.data() + text.size() &&
+             FlowTracking::Constants::isReservedTemplateId(id)) {
+            r_.error(v, fmt::format("template id {} is reserved for the options templates; data "
+                                    "template ids run from {} to {}",
+                                    id, Limits::minDataTemplateId, Limits::maxDataTemplateId()));
+            return std::nullopt;
+         }
+      }
+      const auto id = r_.integer(v, Limits::minDataTemplateId, Limits::maxDataTemplateId(),
+                                 "a data template id");
       if (!id) {
          return std::nullopt;
       }
-      const auto templateId = static_cast<HwFlowTracking::TemplateId>(*id);
-      if (FlowTracking::Constants::isReservedTemplateId(templateId)) {
-         r_.error(v,
-                  fmt::format("template id {} is reserved for the options templates; data "
-                              "template ids run from {} to {}",
-                              templateId, Limits::minDataTemplateId, Limits::maxDataTemplateId()));
-         return std::nullopt;
-      }
-      return templateId;
+      return static_cast<HwFlowTracking::TemplateId>(*id);
    }
 
    // A field is an element alone (no flow key) or a mapping with its flag.
