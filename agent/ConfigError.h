@@ -17,17 +17,7 @@ struct ConfigError {
    Kel::String message;
 
    // "demo.yaml:14: flow-tracking.hardware.trackers[0].exporters[1].dscp: must be ..."
-   Kel::String str() const {
-      Kel::String text = fileName;
-      if (line > 0) {
-         text += ":" + std::to_string(line);
-      }
-      text += ": ";
-      if (!path.empty()) {
-         text += path + ": ";
-      }
-      return text + message;
-   }
+   Kel::String str() const;
    bool operator==(const ConfigError&) const = default;
 };
 
