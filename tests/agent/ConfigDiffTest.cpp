@@ -97,7 +97,7 @@ TEST(ConfigDiff, ChangesAsASwitchConfigurationChanges) {
        {"everything of a type removed",
         edited(base, "  hardware:", "  sampled:"),
         {"removed tracking type hardware", "added tracking type sampled"}},
-       {"interfaces swap indexes, one goes, one comes",
+       {"an interface takes a removed one's index, another comes",
         edited(edited(base, "index: 1 }", "index: 2 }\n  - { name: Ethernet3, index: 3 }"),
                "  - { name: Ethernet2, index: 2 }\n", ""),
         {"removed interface Ethernet2", "changed interface Ethernet1: index",
