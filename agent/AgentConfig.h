@@ -83,6 +83,14 @@ struct AgentConfig {
    bool operator==(const AgentConfig&) const = default;
 };
 
+// The types in the order the file and the diff list them, with the file's key
+// for each.
+inline constexpr FlowTracking::FlowTrackingType trackingTypes[] = {
+    FlowTracking::FlowTrackingType::hardware, FlowTracking::FlowTrackingType::sampled};
+constexpr const char* typeKey(FlowTracking::FlowTrackingType type) {
+   return type == FlowTracking::FlowTrackingType::hardware ? "hardware" : "sampled";
+}
+
 // The ToS / traffic-class byte that carries a DSCP code point: the exporter
 // model holds the whole byte and the library writes it unchanged.
 constexpr Nivel::DscpValue tosByte(Kel::U8 dscp) {

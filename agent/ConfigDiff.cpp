@@ -257,10 +257,6 @@ class Differ {
 
 }  // namespace
 
-const char* typeKey(FlowTracking::FlowTrackingType type) {
-   return type == FlowTracking::FlowTrackingType::hardware ? "hardware" : "sampled";
-}
-
 Kel::String Change::str() const {
    Kel::String object;
    switch (subject) {

@@ -75,9 +75,6 @@ struct Change {
 // address changes keeps its name and is `changed`.
 std::vector<Change> diff(const AgentConfig& before, const AgentConfig& after);
 
-// "hardware" or "sampled", as the file names the types.
-const char* typeKey(FlowTracking::FlowTrackingType type);
-
 }  // namespace Agent
 
 template <>

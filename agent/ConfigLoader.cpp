@@ -64,9 +64,7 @@ class Loader {
          return;
       }
       if (const auto v = m->get("statistics-table")) {
-         if (auto name = statisticsTableName(*v)) {
-            config.statisticsTable = *name;
-         }
+         setIfRead(config.statisticsTable, statisticsTableName(*v));
       }
       if (const auto v = m->get("flow-tracking")) {
          readFlowTracking(*v, config);
@@ -80,7 +78,7 @@ class Loader {
    }
 
    std::optional<Kel::String> statisticsTableName(const YamlValue& v) {
-      auto name = r_.text(v, 1, Limits::maxStatisticsTableLength);
+      auto name = r_.text(v, Limits::maxStatisticsTableLength);
       if (name && name->find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
                                           "0123456789._-") != Kel::String::npos) {
          r_.error(v, "must hold only letters, digits, '.', '_' and '-'");
@@ -94,9 +92,8 @@ class Loader {
       if (!m) {
          return;
       }
-      for (const auto& [key, type] : {std::pair{"hardware", FlowTrackingType::hardware},
-                                      std::pair{"sampled", FlowTrackingType::sampled}}) {
-         if (const auto t = m->get(key)) {
+      for (const FlowTrackingType type : trackingTypes) {
+         if (const auto t = m->get(typeKey(type))) {
             readTracking(*t, config.tracking[type]);
          }
       }
@@ -192,7 +189,7 @@ class Loader {
              r_.integer(*interval, Limits::minIntervalMs, Kel::maxU32(), "a time in milliseconds"));
       }
       if (const auto vrf = m->get("vrf")) {
-         setIfRead(exporter.vrfName, r_.text(*vrf, 1, Limits::maxTableNameLength));
+         setIfRead(exporter.vrfName, r_.text(*vrf, Limits::maxTableNameLength));
       }
       tracker.exporters.emplace(name.value_or(""), std::move(exporter));
    }
@@ -388,7 +385,7 @@ class Loader {
       if (!v) {
          return std::nullopt;
       }
-      auto name = r_.text(*v, 1, maxLength);
+      auto name = r_.text(*v, maxLength);
       if (name && !seen.add(r_, *v, *name, fmt::format("{} \"{}\"", what, *name))) {
          return std::nullopt;
       }

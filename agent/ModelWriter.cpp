@@ -15,7 +15,7 @@ Kel::Seconds seconds(Kel::U32 ms) {
    return ms / 1000.0;
 }
 
-bool names(const Change& c, Attribute a) {
+bool mentions(const Change& c, Attribute a) {
    return std::find(c.attributes.begin(), c.attributes.end(), a) != c.attributes.end();
 }
 
@@ -57,8 +57,9 @@ const Tracker& trackerOf(const AgentConfig& config, const Change& c) {
 ModelWriter::ModelWriter(Kel::Ptr<const Ipfix::ElementIdColl> catalogue,
                          Kel::Ptr<FlowTracking::IntfIndexMap> interfaces, VrfSink& vrfs)
     : catalogue_(std::move(catalogue)), interfaces_(std::move(interfaces)), vrfs_(vrfs) {
-   models_[FlowTrackingType::sampled];
-   models_[FlowTrackingType::hardware];
+   for (const FlowTrackingType type : trackingTypes) {
+      models_[type];
+   }
 }
 
 const TrackingModel& ModelWriter::model(FlowTrackingType type) const {
@@ -96,6 +97,8 @@ void ModelWriter::applyRemoved(const Change& c) {
          for (const auto& [name, tracker] : config_.tracking.at(c.type).trackers) {
             trackerDel(c.type, name);
          }
+         // As if the type had never been configured.
+         models_.at(c.type).status->sampleRateIs(Tracking().sampleRate);
          break;
       case Subject::tracker:
          trackerDel(c.type, c.tracker);
@@ -143,7 +146,7 @@ void ModelWriter::applyChanged(const Change& c, const AgentConfig& next) {
          const auto fg = ftStatus(c)->hwFgStatus(c.templateId);
          KEL_ASSERT(fg);
          fg->entryCountIs(group.entryCount);
-         if (names(c, Attribute::fields)) {
+         if (mentions(c, Attribute::fields)) {
             writeFields(*fg, group.fields);
             fg->genIdIs(fg->genId() + 1);
          }

@@ -108,13 +108,12 @@ std::optional<Kel::String> YamlReader::scalar(const YamlValue& v, std::string_vi
    return v.node.Scalar();
 }
 
-std::optional<Kel::String> YamlReader::text(const YamlValue& v, Kel::U32 minLength,
-                                            Kel::U32 maxLength) {
+std::optional<Kel::String> YamlReader::text(const YamlValue& v, Kel::U32 maxLength) {
    auto s = scalar(v, "a text");
    if (!s) {
       return std::nullopt;
    }
-   if (s->empty() && minLength > 0) {
+   if (s->empty()) {
       error(v, "must not be empty");
       return std::nullopt;
    }

@@ -59,8 +59,8 @@ class YamlReader {
                                       std::initializer_list<std::string_view> keys);
    // The items of a list; an empty value is an empty list.
    std::vector<YamlValue> list(const YamlValue& v);
-   // A text of `minLength` to `maxLength` octets.
-   std::optional<Kel::String> text(const YamlValue& v, Kel::U32 minLength, Kel::U32 maxLength);
+   // A non-empty text of at most `maxLength` octets.
+   std::optional<Kel::String> text(const YamlValue& v, Kel::U32 maxLength);
    // A decimal integer from `min` to `max`; `what` names it in the error
    // ("must be a UDP port from 1 to 65535, not 0").
    std::optional<Kel::U64> integer(const YamlValue& v, Kel::U64 min, Kel::U64 max,

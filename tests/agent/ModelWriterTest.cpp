@@ -65,7 +65,8 @@ const std::vector<std::pair<const char*, Kel::String>>& variants() {
        {"interface renamed onto the same index",
         edited(base, "name: Ethernet2", "name: Ethernet9")},
        {"VRF renamed", edited(base, "name: blue", "name: red")},
-       {"tracker moves to the other type", edited(base, "  hardware:", "  sampled:")},
+       {"tracker moves to the other type",
+        edited(base, "  hardware:", "  sampled:\n    sample-rate: 100")},
        {"everything gone", "vrfs: []\n"},
    };
    return all;
