@@ -6,6 +6,7 @@
 
 #include "HwFlowTracking/RecordType.h"
 #include "HwFlowTracking/Status.h"
+#include "Ipfix/CollectorStats.h"
 #include "Ipfix/FlowTrackingTypes.h"
 #include "Nivel/Addr.h"
 
@@ -69,7 +70,8 @@ struct Tracking {
    bool operator==(const Tracking&) const = default;
 };
 
-inline constexpr const char* defaultStatisticsTable = "ipfix-stats";
+// The table ipfix-stats reads unless told otherwise.
+inline const Kel::Name defaultStatisticsTable{Vorpa::Ipfix::defaultCollectorStatisticsTableName};
 
 struct AgentConfig {
    // The shared-memory collector statistics table the agent writes.

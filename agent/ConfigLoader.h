@@ -11,7 +11,7 @@
 //
 // The file, in brief (examples/demo.yaml shows every key with comments):
 //
-//   statistics-table: ipfix-stats          # optional
+//   statistics-table: ipfix-collector-stats          # optional
 //   flow-tracking:
 //     hardware:                            # or sampled; each optional
 //       sample-rate: 1                     # optional, default 1

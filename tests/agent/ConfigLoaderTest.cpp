@@ -284,7 +284,7 @@ vrfs:
 
    const auto defaults = Agent::parse("flow-tracking: {}\n", "t.yaml");
    ASSERT_TRUE(defaults.config);
-   EXPECT_EQ(defaults.config->statisticsTable, "ipfix-stats");
+   EXPECT_EQ(defaults.config->statisticsTable, "ipfix-collector-stats");
    EXPECT_TRUE(defaults.config->tracking.empty());
 }
 

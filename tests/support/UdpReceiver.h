@@ -104,6 +104,16 @@ class UdpReceiver {
       return d;
    }
 
+   // For a peer in another process, which runs in real time: waits up to
+   // `timeoutMs` for the next datagram.
+   std::optional<Datagram> receiveWithin(int timeoutMs) {
+      pollfd p{fd_, POLLIN, 0};
+      if (::poll(&p, 1, timeoutMs) != 1) {
+         return std::nullopt;
+      }
+      return receive();
+   }
+
    std::vector<Datagram> receiveAll() {
       std::vector<Datagram> all;
       while (auto d = receive()) {
