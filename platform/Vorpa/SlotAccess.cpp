@@ -52,8 +52,7 @@ ReadStatus slotPeek(const std::byte* slot, SlotView* view) {
    return ReadStatus::busy;
 }
 
-ReadStatus slotCopy(const std::byte* slot, const Geometry& g, void* key, void* value,
-                    SlotView* view) {
+ReadStatus slotCopy(const std::byte* slot, const Geometry& g, void* stored, SlotView* view) {
    const auto& h = *reinterpret_cast<const SlotHeader*>(slot);
    for (int attempt = 0; attempt < maxAttempts; backOff(attempt++)) {
       const Kel::U32 before = h.seq.load(std::memory_order_acquire);
@@ -62,15 +61,13 @@ ReadStatus slotCopy(const std::byte* slot, const Geometry& g, void* key, void* v
       }
       const Kel::U32 state = h.state;
       const Kel::U64 keyHash = h.keyHash;
-      const Kel::U64 stored = h.checksum;
-      std::memcpy(key, slot + g.keyOffset, g.key.size);
-      std::memcpy(value, slot + g.valueOffset, g.value.size);
+      const Kel::U64 checksum = h.checksum;
+      std::memcpy(stored, slot + g.storedOffset, g.stored.size);
       std::atomic_thread_fence(std::memory_order_acquire);
       if (h.seq.load(std::memory_order_relaxed) != before) {
          continue;
       }
-      if (!validState(state) ||
-          slotChecksum(state, keyHash, key, g.key.size, value, g.value.size) != stored) {
+      if (!validState(state) || slotChecksum(state, keyHash, stored, g.stored.size) != checksum) {
          return ReadStatus::corrupt;
       }
       *view = SlotView{static_cast<SlotState>(state), keyHash};
