@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <nlohmann/json.hpp>
-#include <regex>
 
 #include "Ipfix/CollectorStatsUpdate.h"
 #include "Kel/System.h"
@@ -94,13 +94,22 @@ class IpfixStatsTest : public ::testing::Test {
 
 // Replaces each "<age> s ago" with "N s ago" and returns the ages in order.
 std::vector<double> takeAges(std::string& text) {
-   static const std::regex age(R"(([0-9]+\.[0-9]) s ago)");
+   static const std::string suffix = " s ago";
    std::vector<double> ages;
-   for (auto it = std::sregex_iterator(text.begin(), text.end(), age); it != std::sregex_iterator();
-        ++it) {
-      ages.push_back(std::stod((*it)[1]));
+   std::string replaced;
+   std::size_t copied = 0;
+   for (std::size_t at = text.find(suffix); at != std::string::npos;
+        at = text.find(suffix, at + 1)) {
+      std::size_t begin = at;
+      while (begin > copied && (std::isdigit(static_cast<unsigned char>(text[begin - 1])) ||
+                                text[begin - 1] == '.')) {
+         --begin;
+      }
+      ages.push_back(std::stod(text.substr(begin, at - begin)));
+      replaced += text.substr(copied, begin - copied) + "N";
+      copied = at;
    }
-   text = std::regex_replace(text, age, "N s ago");
+   text = replaced + text.substr(copied);
    return ages;
 }
 
