@@ -128,20 +128,20 @@ TEST_F(IpfixStatsTest, PrintsEveryCollectorWithAgesAndClearTimes) {
                  "    Collector 192.0.2.1:4739\n"
                  "      messages 2, records 7, octets 500\n"
                  "      last sent N s ago, template N s ago, data never, options data N s ago\n"
-                 "      set 2: 0 records, 3 templates\n"
-                 "      set 256: 5 records, 0 templates\n"
-                 "      set 257: 2 records, 0 templates\n"
+                 "      set 2: records 0, templates 3\n"
+                 "      set 256: records 5, templates 0\n"
+                 "      set 257: records 2, templates 0\n"
                  "    Collector [2001:db8::1]:4739\n"
                  "      messages 1, records 0, octets 200\n"
                  "      last sent N s ago, template N s ago, data never, options data never\n"
-                 "      set 2: 0 records, 3 templates\n"
+                 "      set 2: records 0, templates 3\n"
                  "  Exporter exp2, cleared N s ago\n"
                  "Tracker ft2, cleared N s ago\n"
                  "  Exporter exp9, cleared N s ago\n"
                  "    Collector 192.0.2.7:2055\n"
                  "      messages 1, records 1, octets 90\n"
                  "      last sent N s ago, template never, data never, options data N s ago\n"
-                 "      set 256: 1 records, 0 templates\n");
+                 "      set 256: records 1, templates 0\n");
    const std::vector<double> nominal = {50, 100, 50, 100, 100, 20, 5, 5, 1, 1};
    ASSERT_EQ(ages.size(), nominal.size());
    for (std::size_t i = 0; i < nominal.size(); ++i) {
