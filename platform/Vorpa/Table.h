@@ -93,7 +93,12 @@ class Table {
       if (!index || !slotIsOpen(segment_.slot(*index))) {
          corruptionFound(segment_, noMansLandAssertion);
       }
-      closeAndPublish(segment_.slot(*index));
+      std::byte* slot = segment_.slot(*index);
+      if constexpr (Layout::valueIsStored) {
+         KEL_ASSERT_TEXT(keyHash(value->key()) == slotHeaderOf(slot).keyHash,
+                         "entryCommit() of an entry whose key changed");
+      }
+      closeAndPublish(slot);
    }
 
    // The current value, checked against its checksum (badChecksumAssertion).

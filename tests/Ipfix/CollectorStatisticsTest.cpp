@@ -164,6 +164,20 @@ TEST_F(CollectorStatisticsTest, MutatorsAnnounceOnlyRealChanges) {
        << "removing all announces every key, in key order";
 }
 
+TEST_F(CollectorStatisticsTest, CommitRefusesAnEntryWhoseKeyChangedInPlace) {
+   const CollectorStatisticsKey key("ft1", "exp1", c1);
+   CollectorStatisticsEntry* inPlace = stats->statsForWrite(key);
+   ASSERT_NE(inPlace, nullptr);
+   *inPlace = CollectorStatisticsEntry(CollectorStatisticsKey("ft1", "exp1", c2));
+   try {
+      stats->statsCommit(inPlace);
+      ADD_FAILURE() << "committed";
+   } catch (const Kel::AssertionError& e) {
+      EXPECT_STREQ(e.what(), "entryCommit() of an entry whose key changed");
+   }
+   EXPECT_TRUE(log.keys.empty());
+}
+
 TEST_F(CollectorStatisticsTest, FullTableRefusesQuietly) {
    stats = makeStats(1);
    reader = CollectorStatisticsReader::attach(stats->statsControl());
