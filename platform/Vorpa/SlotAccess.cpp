@@ -30,6 +30,10 @@ bool validState(Kel::U32 state) {
 
 }  // namespace
 
+void slotBytesCopy(void* to, const void* from, std::size_t size) {
+   std::memcpy(to, from, size);
+}
+
 ReadStatus slotPeek(const std::byte* slot, SlotView* view) {
    const auto& h = *reinterpret_cast<const SlotHeader*>(slot);
    for (int attempt = 0; attempt < maxAttempts; backOff(attempt++)) {

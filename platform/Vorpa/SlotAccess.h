@@ -39,6 +39,11 @@ inline void slotClose(std::byte* slot, const Geometry& g) {
    h.seq.store(h.seq.load(std::memory_order_relaxed) + 1, std::memory_order_release);
 }
 
+// Copies a value into or out of a slot. Out of line on purpose: for a large
+// copy of a size known at compile time the compiler emits `rep movs`, which
+// is several times slower here than the C library's vectorised memcpy.
+void slotBytesCopy(void* to, const void* from, std::size_t size);
+
 // What a reader learns of a slot before copying it.
 struct SlotView {
    SlotState state;

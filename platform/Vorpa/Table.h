@@ -62,7 +62,7 @@ class Table {
       if (!opened.slot) {
          return false;
       }
-      std::memcpy(&valueAt(opened.slot), &value, sizeof(Value));
+      slotBytesCopy(&valueAt(opened.slot), &value, sizeof(Value));
       closeAndPublish(opened.slot);
       return true;
    }
