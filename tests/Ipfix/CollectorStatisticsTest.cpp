@@ -6,7 +6,6 @@
 
 #include "Ipfix/CollectorStatsUpdate.h"
 #include "Kel/System.h"
-#include "support/ScopedTableName.h"
 
 namespace {
 
@@ -218,20 +217,6 @@ TEST_F(CollectorStatisticsTest, ReaderRefusesAnEntryWithAnImpossibleSetCount) {
    CollectorStatisticsEntry out;
    EXPECT_EQ(reader.entry(key, out), Vorpa::ReadStatus::corrupt);
    EXPECT_EQ(reader.forEach([](const auto&, const auto&) {}).corrupt, 1u);
-}
-
-TEST(CollectorStatisticsFactory, MountsANamedTableOthersCanRead) {
-   const TestSupport::ScopedTableName name("factory");
-   const auto stats = Vorpa::Ipfix::collectorStatisticsFactory(name, 4);
-   EXPECT_EQ(stats->name(), name.str());
-   EXPECT_FALSE(stats->hasBackupSupport());
-   const CollectorStatisticsKey key("ft1", "exp1", collector("192.0.2.1:4739"));
-   stats->statsIs(CollectorStatisticsEntry(key));
-   const auto reader = CollectorStatisticsReader::mount(name);
-   CollectorStatisticsEntry entry;
-   EXPECT_EQ(reader.entry(key, entry), Vorpa::ReadStatus::ok);
-   EXPECT_EQ(entry, CollectorStatisticsEntry(key));
-   EXPECT_EQ(reader.capacity(), 4u);
 }
 
 }  // namespace
