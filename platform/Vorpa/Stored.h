@@ -59,9 +59,12 @@ struct StoredLayout {
 
    // Where the value starts within the stored object.
    static std::size_t valueOffset() {
-      const Stored s{};
-      return static_cast<std::size_t>(reinterpret_cast<const std::byte*>(&valueOf(s)) -
-                                      reinterpret_cast<const std::byte*>(&s));
+      static const std::size_t offset = [] {
+         const Stored s{};
+         return static_cast<std::size_t>(reinterpret_cast<const std::byte*>(&valueOf(s)) -
+                                         reinterpret_cast<const std::byte*>(&s));
+      }();
+      return offset;
    }
 };
 
