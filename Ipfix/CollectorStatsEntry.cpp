@@ -2,7 +2,7 @@
 
 #include <charconv>
 
-#include "Vorpa/Fingerprint.h"
+#include "Vorpa/Hash.h"
 
 namespace Vorpa::Ipfix {
 

@@ -88,6 +88,8 @@ class IndexedArray {
    const T& operator[](Index i) const { return items_[i.value()]; }
    T& operator[](Index i) { return items_[i.value()]; }
    std::span<const T> used() const { return {items_.data(), used_}; }
+   // All items, the unused ones value-initialised (sizeIs keeps them so).
+   const std::array<T, capacity>& all() const { return items_; }
 
    // Grows or shrinks the used part; items beyond it are reset so that no
    // stale value lingers in the table's memory.

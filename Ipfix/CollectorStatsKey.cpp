@@ -1,27 +1,20 @@
 #include "Ipfix/CollectorStatsKey.h"
 
 #include <algorithm>
+#include <cstring>
 
-#include "Vorpa/Fingerprint.h"
+#include "Vorpa/Hash.h"
 
 namespace Vorpa::Ipfix {
 
 namespace {
 
-std::string_view bytesOf(const void* data, std::size_t size) {
-   return {static_cast<const char*>(data), size};
-}
-
-template <class T>
-std::string_view bytesOfValue(const T& value) {
-   return bytesOf(&value, sizeof value);
-}
-
+// Whole words, reading past the used length into the zeroed rest of the
+// array; the length goes in too, so that ("ab", "c") and ("a", "bc") differ.
 Kel::U64 hashName(const NameStorage& name, Kel::U64 hash) {
-   const auto used = name.used();
-   // The length goes in too, so that ("ab", "c") and ("a", "bc") differ.
-   const auto length = static_cast<Kel::U8>(used.size());
-   return fnv1a(bytesOf(used.data(), used.size()), fnv1a(bytesOf(&length, 1), hash));
+   static_assert(NameStorage::capacity % 8 == 0);
+   const Kel::U64 length = name.size();
+   return hashWords(name.all().data(), (length + 7) / 8, hashWords(&length, 1, hash));
 }
 
 }  // namespace
@@ -45,9 +38,14 @@ Kel::String CollectorInfo::string() const {
 }
 
 Kel::U64 CollectorInfo::hash() const {
-   const Kel::U64 family = addr_.isV4() ? fnv1a(bytesOfValue(addr_.v4().value()), 4)
-                                        : fnv1a(bytesOfValue(addr_.v6().bytes()), 6);
-   return fnv1a(bytesOfValue(port_), family);
+   Kel::U64 words[3] = {port_, 0, 0};
+   if (addr_.isV4()) {
+      words[1] = addr_.v4().value();
+   } else {
+      words[0] |= 1u << 16;
+      std::memcpy(&words[1], addr_.v6().bytes().data(), 16);
+   }
+   return hashWords(words, 3, 0xcbf29ce484222325ULL);
 }
 
 std::optional<CollectorInfo> CollectorInfo::parse(std::string_view text) {

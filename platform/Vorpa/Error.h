@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string_view>
-
 #include "Kel/Exception.h"
 
 namespace Vorpa {
@@ -16,8 +14,6 @@ enum class MountProblem {
    corrupt,      // a header that contradicts itself or the segment's size
    system,       // a system call failed (permissions, memory)
 };
-
-std::string_view mountProblemString(MountProblem problem);
 
 class MountError : public Kel::Exception {
  public:
@@ -36,8 +32,6 @@ enum class ReadStatus {
    corrupt,  // bad checksum, impossible slot state or an invalid entry
    busy,     // the writer kept the slot open for longer than a reader waits
 };
-
-std::string_view readStatusString(ReadStatus status);
 
 // Texts of the assertions the writer raises when it meets a corrupt table: the
 // table is this process's own memory, so corruption there is a bug.

@@ -3,15 +3,9 @@
 #include <string_view>
 
 #include "Kel/Types.h"
+#include "Vorpa/Hash.h"
 
 namespace Vorpa {
-
-constexpr Kel::U64 fnv1a(std::string_view text, Kel::U64 hash = 0xcbf29ce484222325ULL) {
-   for (const char c : text) {
-      hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3ULL;
-   }
-   return hash;
-}
 
 namespace detail {
 

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <climits>
 #include <cmath>
 #include <ctime>
@@ -25,25 +24,15 @@ long futex(const std::atomic<Kel::U32>& word, int op, Kel::U32 value, const time
 
 }  // namespace
 
-FutexWait futexWait(const std::atomic<Kel::U32>& word, Kel::U32 expected,
-                    std::optional<Kel::Seconds> timeout) {
+void futexWait(const std::atomic<Kel::U32>& word, Kel::U32 expected,
+               std::optional<Kel::Seconds> timeout) {
    timespec ts{};
    if (timeout) {
       const Kel::Seconds t = std::max(*timeout, 0.0);
       ts.tv_sec = static_cast<time_t>(std::floor(t));
       ts.tv_nsec = static_cast<long>((t - std::floor(t)) * 1e9);
    }
-   if (futex(word, FUTEX_WAIT, expected, timeout ? &ts : nullptr) == 0) {
-      return FutexWait::woken;
-   }
-   switch (errno) {
-      case EAGAIN:
-         return FutexWait::valueChanged;
-      case ETIMEDOUT:
-         return FutexWait::timedOut;
-      default:
-         return FutexWait::interrupted;
-   }
+   futex(word, FUTEX_WAIT, expected, timeout ? &ts : nullptr);
 }
 
 void futexWakeAll(const std::atomic<Kel::U32>& word) {

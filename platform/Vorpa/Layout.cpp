@@ -16,21 +16,20 @@ constexpr Kel::U64 roundUp(Kel::U64 value, Kel::U64 multiple) {
 
 }  // namespace
 
-Geometry Geometry::compute(Kel::U32 capacity, Kel::U32 ringCapacity, TypeShape key,
-                           TypeShape value) {
+Geometry Geometry::compute(Kel::U32 capacity, Kel::U32 ringCapacity, const TableShape& shape) {
    KEL_ASSERT(capacity >= 1 && capacity <= maxCapacity);
    KEL_ASSERT(ringCapacity >= 2 && std::has_single_bit(ringCapacity));
-   KEL_ASSERT(std::has_single_bit(key.align) && key.align <= cacheLine);
-   KEL_ASSERT(std::has_single_bit(value.align) && value.align <= cacheLine);
+   KEL_ASSERT(std::has_single_bit(shape.key.align) && shape.key.align <= cacheLine);
+   KEL_ASSERT(std::has_single_bit(shape.stored.align) && shape.stored.align <= cacheLine);
    Geometry g{};
    g.capacity = capacity;
    g.slotCount = std::bit_ceil(capacity + capacity / 4 + 1);
    g.ringCapacity = ringCapacity;
-   g.key = key;
-   g.value = value;
-   g.keyOffset = roundUp(sizeof(SlotHeader), key.align);
-   g.valueOffset = roundUp(g.keyOffset + key.size, value.align);
-   g.slotStride = roundUp(g.valueOffset + value.size, cacheLine);
+   g.key = shape.key;
+   g.stored = shape.stored;
+   g.storedOffset = roundUp(sizeof(SlotHeader), shape.stored.align);
+   g.slotStride = roundUp(g.storedOffset + shape.stored.size, cacheLine);
+   const TypeShape key = shape.key;
    g.ringKeyOffset = roundUp(sizeof(ChangeHeader), key.align);
    g.ringStride = roundUp(g.ringKeyOffset + key.size, cacheLine);
    g.ringOffset = slotsOffset + g.slotStride * g.slotCount;

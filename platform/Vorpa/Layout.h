@@ -11,7 +11,8 @@
 //
 //   page 0     SegmentHeader: identity (immutable), counters, change sequence
 //   page 1     WaiterBlock: the only part a reader maps writable
-//   slots      slotCount slots of slotStride bytes: SlotHeader, key, value
+//   slots      slotCount slots of slotStride bytes: SlotHeader, then the
+//              stored object (the value, or key and value; see Table.h)
 //   ring       ringCapacity change records: ChangeHeader, key
 //
 // Every offset is a pure function of the creation parameters (Geometry), so a
@@ -38,8 +39,8 @@ struct TypeShape {
 // was built with.
 struct TableShape {
    Kel::U64 fingerprint;
-   TypeShape key;
-   TypeShape value;
+   TypeShape key;     // as change records hold it
+   TypeShape stored;  // as slots hold it
 };
 
 struct Geometry {
@@ -48,9 +49,8 @@ struct Geometry {
    Kel::U32 ringCapacity;  // power of two
    Kel::U32 reserved;      // keeps the layout free of padding bytes
    TypeShape key;
-   TypeShape value;
-   Kel::U64 keyOffset;    // within a slot
-   Kel::U64 valueOffset;  // within a slot
+   TypeShape stored;
+   Kel::U64 storedOffset;  // within a slot
    Kel::U64 slotStride;
    Kel::U64 ringKeyOffset;  // within a change record
    Kel::U64 ringStride;
@@ -58,8 +58,7 @@ struct Geometry {
    Kel::U64 segmentSize;
 
    // Asserts that the parameters are possible; callers pass constants.
-   static Geometry compute(Kel::U32 capacity, Kel::U32 ringCapacity, TypeShape key,
-                           TypeShape value);
+   static Geometry compute(Kel::U32 capacity, Kel::U32 ringCapacity, const TableShape& shape);
    bool operator==(const Geometry&) const = default;
 };
 
@@ -103,7 +102,7 @@ struct SlotHeader {
    std::atomic<Kel::U32> seq;  // odd while the writer changes the slot
    Kel::U32 state;             // a SlotState
    Kel::U64 keyHash;
-   Kel::U64 checksum;  // over state, keyHash, key and value
+   Kel::U64 checksum;  // over state, keyHash and the stored object
 };
 
 struct ChangeHeader {
@@ -112,10 +111,9 @@ struct ChangeHeader {
    Kel::U32 reserved;
 };
 
-inline Kel::U64 slotChecksum(Kel::U32 state, Kel::U64 keyHash, const void* key, Kel::U32 keySize,
-                             const void* value, Kel::U32 valueSize) {
-   const Kel::U64 seed = (keyHash ^ 0x5bd1e9955bd1e995ULL) * 31 + state;
-   return checksum(value, valueSize, checksum(key, keySize, seed));
+inline Kel::U64 slotChecksum(Kel::U32 state, Kel::U64 keyHash, const void* stored,
+                             Kel::U32 storedSize) {
+   return checksum(stored, storedSize, (keyHash ^ 0x5bd1e9955bd1e995ULL) * 31 + state);
 }
 
 }  // namespace Vorpa

@@ -28,55 +28,67 @@ bool validState(Kel::U32 state) {
    return state <= static_cast<Kel::U32>(SlotState::removed);
 }
 
-}  // namespace
-
-ReadStatus slotPeek(const std::byte* slot, SlotView* view) {
-   const auto& h = *reinterpret_cast<const SlotHeader*>(slot);
+// Runs `read` until the slot's sequence was even and the same before and
+// after it, so that what it read belongs to one write.
+template <class Read>
+ReadStatus readStable(const SlotHeader& h, Read&& read) {
    for (int attempt = 0; attempt < maxAttempts; backOff(attempt++)) {
       const Kel::U32 before = h.seq.load(std::memory_order_acquire);
       if (before & 1) {
          continue;
       }
-      const Kel::U32 state = h.state;
-      const Kel::U64 keyHash = h.keyHash;
+      read();
       std::atomic_thread_fence(std::memory_order_acquire);
-      if (h.seq.load(std::memory_order_relaxed) != before) {
-         continue;
+      if (h.seq.load(std::memory_order_relaxed) == before) {
+         return ReadStatus::ok;
       }
-      if (!validState(state)) {
-         return ReadStatus::corrupt;
-      }
-      *view = SlotView{static_cast<SlotState>(state), keyHash};
-      return ReadStatus::ok;
    }
    return ReadStatus::busy;
 }
 
-ReadStatus slotCopy(const std::byte* slot, const Geometry& g, void* key, void* value,
-                    SlotView* view) {
+}  // namespace
+
+void slotBytesCopy(void* to, const void* from, std::size_t size) {
+   std::memcpy(to, from, size);
+}
+
+ReadStatus slotPeek(const std::byte* slot, SlotView* view) {
    const auto& h = *reinterpret_cast<const SlotHeader*>(slot);
-   for (int attempt = 0; attempt < maxAttempts; backOff(attempt++)) {
-      const Kel::U32 before = h.seq.load(std::memory_order_acquire);
-      if (before & 1) {
-         continue;
-      }
-      const Kel::U32 state = h.state;
-      const Kel::U64 keyHash = h.keyHash;
-      const Kel::U64 stored = h.checksum;
-      std::memcpy(key, slot + g.keyOffset, g.key.size);
-      std::memcpy(value, slot + g.valueOffset, g.value.size);
-      std::atomic_thread_fence(std::memory_order_acquire);
-      if (h.seq.load(std::memory_order_relaxed) != before) {
-         continue;
-      }
-      if (!validState(state) ||
-          slotChecksum(state, keyHash, key, g.key.size, value, g.value.size) != stored) {
-         return ReadStatus::corrupt;
-      }
-      *view = SlotView{static_cast<SlotState>(state), keyHash};
-      return ReadStatus::ok;
+   Kel::U32 state = 0;
+   Kel::U64 keyHash = 0;
+   const ReadStatus status = readStable(h, [&] {
+      state = h.state;
+      keyHash = h.keyHash;
+   });
+   if (status != ReadStatus::ok) {
+      return status;
    }
-   return ReadStatus::busy;
+   if (!validState(state)) {
+      return ReadStatus::corrupt;
+   }
+   *view = SlotView{static_cast<SlotState>(state), keyHash};
+   return ReadStatus::ok;
+}
+
+ReadStatus slotCopy(const std::byte* slot, const Geometry& g, void* stored, SlotView* view) {
+   const auto& h = *reinterpret_cast<const SlotHeader*>(slot);
+   Kel::U32 state = 0;
+   Kel::U64 keyHash = 0;
+   Kel::U64 checksum = 0;
+   const ReadStatus status = readStable(h, [&] {
+      state = h.state;
+      keyHash = h.keyHash;
+      checksum = h.checksum;
+      std::memcpy(stored, slot + g.storedOffset, g.stored.size);
+   });
+   if (status != ReadStatus::ok) {
+      return status;
+   }
+   if (!validState(state) || slotChecksum(state, keyHash, stored, g.stored.size) != checksum) {
+      return ReadStatus::corrupt;
+   }
+   *view = SlotView{static_cast<SlotState>(state), keyHash};
+   return ReadStatus::ok;
 }
 
 }  // namespace Vorpa

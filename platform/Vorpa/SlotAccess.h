@@ -30,8 +30,7 @@ inline bool slotIsOpen(std::byte* slot) {
 
 inline Kel::U64 slotComputeChecksum(const std::byte* slot, const Geometry& g) {
    const auto& h = *reinterpret_cast<const SlotHeader*>(slot);
-   return slotChecksum(h.state, h.keyHash, slot + g.keyOffset, g.key.size, slot + g.valueOffset,
-                       g.value.size);
+   return slotChecksum(h.state, h.keyHash, slot + g.storedOffset, g.stored.size);
 }
 
 inline void slotClose(std::byte* slot, const Geometry& g) {
@@ -39,6 +38,11 @@ inline void slotClose(std::byte* slot, const Geometry& g) {
    h.checksum = slotComputeChecksum(slot, g);
    h.seq.store(h.seq.load(std::memory_order_relaxed) + 1, std::memory_order_release);
 }
+
+// Copies a value into or out of a slot. Out of line on purpose: for a large
+// copy of a size known at compile time the compiler emits `rep movs`, which
+// is several times slower here than the C library's vectorised memcpy.
+void slotBytesCopy(void* to, const void* from, std::size_t size);
 
 // What a reader learns of a slot before copying it.
 struct SlotView {
@@ -50,10 +54,9 @@ struct SlotView {
 // checksum. corrupt for a state that cannot be.
 ReadStatus slotPeek(const std::byte* slot, SlotView* view);
 
-// A consistent copy of the key and value into `key` and `value` (the
-// geometry's sizes), checked against the checksum. The copies hold the slot
-// only when the result is ok.
-ReadStatus slotCopy(const std::byte* slot, const Geometry& g, void* key, void* value,
-                    SlotView* view);
+// A consistent copy of the stored object into `stored` (the geometry's size),
+// checked against the checksum. The copy holds the slot only when the result
+// is ok.
+ReadStatus slotCopy(const std::byte* slot, const Geometry& g, void* stored, SlotView* view);
 
 }  // namespace Vorpa

@@ -1,58 +1,15 @@
 #pragma once
 
-#include <concepts>
 #include <cstring>
-#include <functional>
 #include <optional>
-#include <type_traits>
 
 #include "Vorpa/ChangeRing.h"
-#include "Vorpa/Fingerprint.h"
 #include "Vorpa/SlotAccess.h"
+#include "Vorpa/Stored.h"
 #include "Vorpa/TableSegment.h"
 #include "Vorpa/WriterIncident.h"
 
 namespace Vorpa {
-
-// Keys and values are copied byte-wise into shared memory and read back by
-// other processes.
-template <class T>
-concept SharedValue = std::is_trivially_copyable_v<T> && std::is_default_constructible_v<T>;
-
-template <class K>
-concept SharedKey = SharedValue<K> && std::equality_comparable<K> && requires(const K& k) {
-   { std::hash<K>{}(k) } -> std::convertible_to<std::size_t>;
-};
-
-// A type read from another process's memory may say what a valid value is
-// (lengths within their arrays, indices within range) through vorpaValid();
-// readers refuse a value that fails it as corrupt.
-template <class T>
-bool sharedValid(const T& v) {
-   if constexpr (requires {
-                    { v.vorpaValid() } -> std::same_as<bool>;
-                 }) {
-      return v.vorpaValid();
-   } else {
-      return true;
-   }
-}
-
-// The key's hash spread over all 64 bits, so that the top bits pick the slot.
-template <class Key>
-Kel::U64 keyHash(const Key& key) {
-   return static_cast<Kel::U64>(std::hash<Key>{}(key)) * 0x9e3779b97f4a7c15ULL;
-}
-
-inline Kel::U32 homeSlot(Kel::U64 hash, const Geometry& g) {
-   return static_cast<Kel::U32>(hash >> 32) & (g.slotCount - 1);
-}
-
-template <class Key, class Value>
-TableShape tableShape() {
-   return TableShape{typeFingerprint<Key, Value>(), TypeShape{sizeof(Key), alignof(Key)},
-                     TypeShape{sizeof(Value), alignof(Value)}};
-}
 
 inline constexpr Kel::U32 defaultRingCapacity = 1024;
 
@@ -67,6 +24,9 @@ inline constexpr Kel::U32 defaultRingCapacity = 1024;
 // (moving them would let a concurrent reader miss a key).
 template <SharedKey Key, SharedValue Value>
 class Table {
+   using Layout = StoredLayout<Key, Value>;
+   using Stored = typename Layout::Stored;
+
  public:
    static Table create(const Kel::Name& name, Kel::U32 capacity,
                        Kel::U32 ringCapacity = defaultRingCapacity) {
@@ -92,13 +52,17 @@ class Table {
    Kel::U64 changeSeq() const { return header().changeSeq.load(std::memory_order_relaxed); }
 
    // Inserts or replaces. False when the table is full and `key` is new: the
-   // refusal is traced and counted, and nothing changes.
+   // refusal is traced and counted, and nothing changes. A value that carries
+   // its key must carry `key`.
    bool entryIs(const Key& key, const Value& value) {
+      if constexpr (Layout::valueIsStored) {
+         KEL_ASSERT(&value.key() == &key || value.key() == key);
+      }
       const Opened opened = openForWrite(key);
       if (!opened.slot) {
          return false;
       }
-      std::memcpy(opened.slot + geometry().valueOffset, &value, sizeof(Value));
+      slotBytesCopy(&valueAt(opened.slot), &value, sizeof(Value));
       closeAndPublish(opened.slot);
       return true;
    }
@@ -107,25 +71,34 @@ class Table {
    // absent), or null when the table is full. Readers of that entry wait until
    // entryCommit() of the returned pointer.
    Value* entryForWrite(const Key& key, const Value& initial) {
+      if constexpr (Layout::valueIsStored) {
+         KEL_ASSERT(initial.key() == key);
+      }
       const Opened opened = openForWrite(key);
       if (!opened.slot) {
          return nullptr;
       }
-      std::byte* value = opened.slot + geometry().valueOffset;
+      Value& value = valueAt(opened.slot);
       if (opened.created) {
-         std::memcpy(value, &initial, sizeof(Value));
+         std::memcpy(&value, &initial, sizeof(Value));
       }
-      return reinterpret_cast<Value*>(value);
+      return &value;
    }
 
    // Publishes an entry written in place. A pointer that is not an open
-   // entry of this table raises noMansLandAssertion.
+   // entry of this table raises noMansLandAssertion. The key of a value that
+   // carries its key must not change.
    void entryCommit(const Value* value) {
-      const std::optional<Kel::U32> index = segment_.slotOfValue(value);
+      const std::optional<Kel::U32> index = segment_.slotOf(value, Layout::valueOffset());
       if (!index || !slotIsOpen(segment_.slot(*index))) {
          corruptionFound(segment_, noMansLandAssertion);
       }
-      closeAndPublish(segment_.slot(*index));
+      std::byte* slot = segment_.slot(*index);
+      if constexpr (Layout::valueIsStored) {
+         KEL_ASSERT_TEXT(keyHash(value->key()) == slotHeaderOf(slot).keyHash,
+                         "entryCommit() of an entry whose key changed");
+      }
+      closeAndPublish(slot);
    }
 
    // The current value, checked against its checksum (badChecksumAssertion).
@@ -178,9 +151,8 @@ class Table {
    void forEach(F&& f) const {
       for (Kel::U32 i = 0; i < geometry().slotCount; ++i) {
          if (stateOf(i) == SlotState::live) {
-            const std::byte* slot = segment_.slot(i);
-            f(*reinterpret_cast<const Key*>(slot + geometry().keyOffset),
-              *reinterpret_cast<const Value*>(slot + geometry().valueOffset));
+            const Stored& stored = storedAt(segment_.slot(i));
+            f(Layout::keyOf(stored), Layout::valueOf(stored));
          }
       }
    }
@@ -190,6 +162,11 @@ class Table {
 
    const Geometry& geometry() const { return segment_.geometry(); }
    SegmentHeader& header() const { return segment_.header(); }
+
+   Stored& storedAt(std::byte* slot) const {
+      return *reinterpret_cast<Stored*>(slot + geometry().storedOffset);
+   }
+   Value& valueAt(std::byte* slot) const { return Layout::valueOf(storedAt(slot)); }
 
    SlotState stateOf(Kel::U32 index) const {
       const Kel::U32 state = segment_.slotHeader(index).state;
@@ -229,7 +206,7 @@ class Table {
                break;
             case SlotState::live:
                if (segment_.slotHeader(i).keyHash == hash &&
-                   *reinterpret_cast<const Key*>(segment_.slot(i) + geometry().keyOffset) == key) {
+                   Layout::keyOf(storedAt(segment_.slot(i))) == key) {
                   p.found = i;
                   return p;
                }
@@ -266,23 +243,23 @@ class Table {
       SlotHeader& h = slotHeaderOf(slot);
       h.state = static_cast<Kel::U32>(SlotState::live);
       h.keyHash = hash;
-      std::memcpy(slot + geometry().keyOffset, &key, sizeof(Key));
+      if constexpr (!Layout::valueIsStored) {
+         std::memcpy(&storedAt(slot).key, &key, sizeof(Key));
+      }
       return {slot, true};
    }
 
    void closeAndPublish(std::byte* slot) {
       slotClose(slot, geometry());
-      changePublish(segment_, ChangeKind::upserted, slot + geometry().keyOffset);
+      changePublish(segment_, ChangeKind::upserted, &Layout::keyOf(storedAt(slot)));
    }
 
    Value checkedValue(Kel::U32 index) const {
-      const std::byte* slot = segment_.slot(index);
+      std::byte* slot = segment_.slot(index);
       if (slotComputeChecksum(slot, geometry()) != segment_.slotHeader(index).checksum) {
          corruptionFound(segment_, badChecksumAssertion);
       }
-      Value v;
-      std::memcpy(&v, slot + geometry().valueOffset, sizeof(Value));
-      return v;
+      return valueAt(slot);
    }
 
    TableSegment segment_;

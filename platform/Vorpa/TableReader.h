@@ -26,6 +26,9 @@ struct Change {
 // come from the geometry checked at mount.
 template <SharedKey Key, SharedValue Value>
 class TableReader {
+   using Layout = StoredLayout<Key, Value>;
+   using Stored = typename Layout::Stored;
+
  public:
    // Throws MountError.
    static TableReader mount(const Kel::Name& name) {
@@ -49,31 +52,14 @@ class TableReader {
    // A consistent copy of the value of `key` into `out` (meaningful only when
    // the result is ok).
    ReadStatus entry(const Key& key, Value& out) const {
-      const Kel::U64 hash = keyHash(key);
-      const Kel::U32 mask = geometry().slotCount - 1;
-      Kel::U32 i = homeSlot(hash, geometry());
-      for (Kel::U32 n = 0; n < geometry().slotCount; ++n, i = (i + 1) & mask) {
-         SlotView view{};
-         ReadStatus status = slotPeek(segment_.slot(i), &view);
-         if (status != ReadStatus::ok) {
-            return status;
-         }
-         if (view.state == SlotState::empty) {
-            return ReadStatus::notFound;
-         }
-         if (view.state != SlotState::live || view.keyHash != hash) {
-            continue;
-         }
-         Key found;
-         status = copy(i, found, out, view);
-         if (status != ReadStatus::ok) {
-            return status;
-         }
-         if (view.state == SlotState::live && found == key) {
-            return ReadStatus::ok;
-         }
+      if constexpr (Layout::valueIsStored) {
+         return find(key, out);
+      } else {
+         Stored stored;
+         const ReadStatus status = find(key, stored);
+         out = stored.value;
+         return status;
       }
-      return ReadStatus::notFound;
    }
 
    // Calls f(key, value) with a consistent copy of every live entry.
@@ -129,10 +115,37 @@ class TableReader {
 
    const Geometry& geometry() const { return segment_.geometry(); }
 
-   ReadStatus copy(Kel::U32 index, Key& key, Value& value, SlotView& view) const {
-      const ReadStatus status = slotCopy(segment_.slot(index), geometry(), &key, &value, &view);
+   ReadStatus find(const Key& key, Stored& into) const {
+      const Kel::U64 hash = keyHash(key);
+      const Kel::U32 mask = geometry().slotCount - 1;
+      Kel::U32 i = homeSlot(hash, geometry());
+      for (Kel::U32 n = 0; n < geometry().slotCount; ++n, i = (i + 1) & mask) {
+         SlotView view{};
+         ReadStatus status = slotPeek(segment_.slot(i), &view);
+         if (status != ReadStatus::ok) {
+            return status;
+         }
+         if (view.state == SlotState::empty) {
+            return ReadStatus::notFound;
+         }
+         if (view.state != SlotState::live || view.keyHash != hash) {
+            continue;
+         }
+         status = copy(i, into, view);
+         if (status != ReadStatus::ok) {
+            return status;
+         }
+         if (view.state == SlotState::live && Layout::keyOf(into) == key) {
+            return ReadStatus::ok;
+         }
+      }
+      return ReadStatus::notFound;
+   }
+
+   ReadStatus copy(Kel::U32 index, Stored& stored, SlotView& view) const {
+      const ReadStatus status = slotCopy(segment_.slot(index), geometry(), &stored, &view);
       if (status == ReadStatus::ok && view.state == SlotState::live &&
-          !(sharedValid(key) && sharedValid(value))) {
+          !(sharedValid(Layout::keyOf(stored)) && sharedValid(Layout::valueOf(stored)))) {
          return ReadStatus::corrupt;
       }
       return status;
@@ -141,19 +154,18 @@ class TableReader {
    template <class F>
    ScanResult scan(bool everySlot, F&& f) const {
       ScanResult result;
-      Key key;
-      Value value;
+      Stored stored;
       for (Kel::U32 i = 0; i < geometry().slotCount; ++i) {
          SlotView view{};
          ReadStatus status = slotPeek(segment_.slot(i), &view);
          if (status == ReadStatus::ok && (everySlot || view.state == SlotState::live)) {
-            status = copy(i, key, value, view);
+            status = copy(i, stored, view);
          }
          switch (status) {
             case ReadStatus::ok:
                if (view.state == SlotState::live) {
                   ++result.entries;
-                  f(std::as_const(key), std::as_const(value));
+                  f(Layout::keyOf(stored), Layout::valueOf(std::as_const(stored)));
                }
                break;
             case ReadStatus::busy:

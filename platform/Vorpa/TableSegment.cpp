@@ -20,13 +20,13 @@ namespace {
 
 TableSegment TableSegment::create(const Kel::Name& name, const TableShape& shape, Kel::U32 capacity,
                                   Kel::U32 ringCapacity) {
-   const Geometry g = Geometry::compute(capacity, ringCapacity, shape.key, shape.value);
+   const Geometry g = Geometry::compute(capacity, ringCapacity, shape);
    return initialize(Segment::createNamed(name, g.segmentSize), shape, g);
 }
 
 TableSegment TableSegment::createAnonymous(const Kel::Name& label, const TableShape& shape,
                                            Kel::U32 capacity, Kel::U32 ringCapacity) {
-   const Geometry g = Geometry::compute(capacity, ringCapacity, shape.key, shape.value);
+   const Geometry g = Geometry::compute(capacity, ringCapacity, shape);
    return initialize(Segment::createAnonymous(label, g.segmentSize), shape, g);
 }
 
@@ -36,8 +36,7 @@ TableSegment TableSegment::initialize(Segment segment, const TableShape& shape, 
    t.geometry_ = g;
    // The segment starts zeroed: every slot is empty with sequence 0. Only the
    // checksums need writing, and an empty slot's is the same everywhere.
-   const Kel::U64 emptyChecksum = slotChecksum(0, 0, t.slot(0) + g.keyOffset, g.key.size,
-                                               t.slot(0) + g.valueOffset, g.value.size);
+   const Kel::U64 emptyChecksum = slotChecksum(0, 0, t.slot(0) + g.storedOffset, g.stored.size);
    for (Kel::U32 i = 0; i < g.slotCount; ++i) {
       t.slotHeader(i).checksum = emptyChecksum;
    }
@@ -91,14 +90,13 @@ TableSegment TableSegment::checkAndAdopt(Segment segment, const TableShape& shap
       refuse(MountProblem::corrupt, name, "has a corrupt header");
    }
    if (id.fingerprint != shape.fingerprint || !(id.geometry.key == shape.key) ||
-       !(id.geometry.value == shape.value)) {
+       !(id.geometry.stored == shape.stored)) {
       refuse(MountProblem::otherLayout, name, "holds other key or value types");
    }
    const Geometry& stored = id.geometry;
    if (stored.capacity < 1 || stored.capacity > maxCapacity ||
        !std::has_single_bit(stored.ringCapacity) || stored.ringCapacity < 2 ||
-       !(Geometry::compute(stored.capacity, stored.ringCapacity, shape.key, shape.value) ==
-         stored) ||
+       !(Geometry::compute(stored.capacity, stored.ringCapacity, shape) == stored) ||
        stored.segmentSize != segment.size()) {
       refuse(MountProblem::corrupt, name, "has a header that does not match its size");
    }
@@ -110,9 +108,9 @@ TableSegment TableSegment::checkAndAdopt(Segment segment, const TableShape& shap
    return t;
 }
 
-std::optional<Kel::U32> TableSegment::slotOfValue(const void* value) const {
-   const auto* p = static_cast<const std::byte*>(value);
-   const std::byte* first = slot(0) + geometry_.valueOffset;
+std::optional<Kel::U32> TableSegment::slotOf(const void* address, Kel::U64 offset) const {
+   const auto* p = static_cast<const std::byte*>(address);
+   const std::byte* first = slot(0) + geometry_.storedOffset + offset;
    if (p < first || p >= slot(geometry_.slotCount)) {
       return std::nullopt;
    }

@@ -42,9 +42,9 @@ class TableSegment {
       return segment_.data() + geometry_.ringOffset +
              geometry_.ringStride * (seq & (geometry_.ringCapacity - 1));
    }
-   // The slot whose value area starts at `value`, or nullopt for any other
-   // address.
-   std::optional<Kel::U32> slotOfValue(const void* value) const;
+   // The slot whose stored object has `address` at `offset` into it, or
+   // nullopt for any other address.
+   std::optional<Kel::U32> slotOf(const void* address, Kel::U64 offset) const;
 
    // False once the shared identity no longer matches the one checked at mount.
    bool identityIntact() const;

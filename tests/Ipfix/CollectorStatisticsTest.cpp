@@ -6,7 +6,6 @@
 
 #include "Ipfix/CollectorStatsUpdate.h"
 #include "Kel/System.h"
-#include "support/ScopedTableName.h"
 
 namespace {
 
@@ -164,6 +163,20 @@ TEST_F(CollectorStatisticsTest, MutatorsAnnounceOnlyRealChanges) {
        << "removing all announces every key, in key order";
 }
 
+TEST_F(CollectorStatisticsTest, CommitRefusesAnEntryWhoseKeyChangedInPlace) {
+   const CollectorStatisticsKey key("ft1", "exp1", c1);
+   CollectorStatisticsEntry* inPlace = stats->statsForWrite(key);
+   ASSERT_NE(inPlace, nullptr);
+   *inPlace = CollectorStatisticsEntry(CollectorStatisticsKey("ft1", "exp1", c2));
+   try {
+      stats->statsCommit(inPlace);
+      ADD_FAILURE() << "committed";
+   } catch (const Kel::AssertionError& e) {
+      EXPECT_STREQ(e.what(), "entryCommit() of an entry whose key changed");
+   }
+   EXPECT_TRUE(log.keys.empty());
+}
+
 TEST_F(CollectorStatisticsTest, FullTableRefusesQuietly) {
    stats = makeStats(1);
    reader = CollectorStatisticsReader::attach(stats->statsControl());
@@ -204,20 +217,6 @@ TEST_F(CollectorStatisticsTest, ReaderRefusesAnEntryWithAnImpossibleSetCount) {
    CollectorStatisticsEntry out;
    EXPECT_EQ(reader.entry(key, out), Vorpa::ReadStatus::corrupt);
    EXPECT_EQ(reader.forEach([](const auto&, const auto&) {}).corrupt, 1u);
-}
-
-TEST(CollectorStatisticsFactory, MountsANamedTableOthersCanRead) {
-   const TestSupport::ScopedTableName name("factory");
-   const auto stats = Vorpa::Ipfix::collectorStatisticsFactory(name, 4);
-   EXPECT_EQ(stats->name(), name.str());
-   EXPECT_FALSE(stats->hasBackupSupport());
-   const CollectorStatisticsKey key("ft1", "exp1", collector("192.0.2.1:4739"));
-   stats->statsIs(CollectorStatisticsEntry(key));
-   const auto reader = CollectorStatisticsReader::mount(name);
-   CollectorStatisticsEntry entry;
-   EXPECT_EQ(reader.entry(key, entry), Vorpa::ReadStatus::ok);
-   EXPECT_EQ(entry, CollectorStatisticsEntry(key));
-   EXPECT_EQ(reader.capacity(), 4u);
 }
 
 }  // namespace

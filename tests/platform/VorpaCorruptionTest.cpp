@@ -5,14 +5,14 @@
 #include "Kel/Exception.h"
 #include "Vorpa/Error.h"
 #include "Vorpa/TableReader.h"
-#include "support/SegmentBytes.h"
 #include "platform/VorpaTestTypes.h"
 #include "support/ScopedTableName.h"
+#include "support/SegmentBytes.h"
 
 namespace {
 
-using VorpaTest::Key;
 using TestSupport::SegmentBytes;
+using VorpaTest::Key;
 using VorpaTest::Value;
 using Table = Vorpa::Table<Key, Value>;
 using Reader = Vorpa::TableReader<Key, Value>;

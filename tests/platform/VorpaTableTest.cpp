@@ -82,6 +82,7 @@ TEST(VorpaTable, AgreesWithAMapThroughCollisionsRemovalsAndReuse) {
             break;
       }
       ASSERT_EQ(table.size(), model.size()) << "step " << step;
+      ASSERT_EQ(reader.size(), model.size()) << "step " << step;
       for (Kel::U32 k = 0; k < keyCount; ++k) {
          const auto expected = model.find(k);
          const auto written = table.entry(keyOf(k));

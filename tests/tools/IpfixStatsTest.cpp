@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <nlohmann/json.hpp>
-#include <regex>
 
 #include "Ipfix/CollectorStatsUpdate.h"
 #include "Kel/System.h"
@@ -32,14 +32,12 @@ class IpfixStatsTest : public ::testing::Test {
       const SetCount data[] = {{SetId(256), 5}, {SetId(257), 2}};
       const SetCount one[] = {{SetId(256), 1}};
       const CollectorInfo v4 = collector("192.0.2.1:4739");
-      const CollectorInfo v6 = collector("[2001:db8::1]:4739");
       const CollectorInfo other = collector("192.0.2.7:2055");
       const auto at = [&](Kel::Seconds secondsAgo) {
          clock.clock().advanceTo(writtenAt - secondsAgo);
       };
       at(100);
       Vorpa::Ipfix::statsUpdateAfterTemplates(*stats, "ft1", "exp1", v4, 200, templates);
-      Vorpa::Ipfix::statsUpdateAfterTemplates(*stats, "ft1", "exp1", v6, 200, templates);
       at(50);
       Vorpa::Ipfix::statsUpdateAfterOptionsData(*stats, "ft1", "exp1", v4, 300, data);
       at(20);
@@ -94,13 +92,22 @@ class IpfixStatsTest : public ::testing::Test {
 
 // Replaces each "<age> s ago" with "N s ago" and returns the ages in order.
 std::vector<double> takeAges(std::string& text) {
-   static const std::regex age(R"(([0-9]+\.[0-9]) s ago)");
+   static const std::string suffix = " s ago";
    std::vector<double> ages;
-   for (auto it = std::sregex_iterator(text.begin(), text.end(), age); it != std::sregex_iterator();
-        ++it) {
-      ages.push_back(std::stod((*it)[1]));
+   std::string replaced;
+   std::size_t copied = 0;
+   for (std::size_t at = text.find(suffix); at != std::string::npos;
+        at = text.find(suffix, at + 1)) {
+      std::size_t begin = at;
+      while (begin > copied && (std::isdigit(static_cast<unsigned char>(text[begin - 1])) ||
+                                text[begin - 1] == '.')) {
+         --begin;
+      }
+      ages.push_back(std::stod(text.substr(begin, at - begin)));
+      replaced += text.substr(copied, begin - copied) + "N";
+      copied = at;
    }
-   text = std::regex_replace(text, age, "N s ago");
+   text = replaced + text.substr(copied);
    return ages;
 }
 
@@ -113,27 +120,23 @@ TEST_F(IpfixStatsTest, PrintsEveryCollectorWithAgesAndClearTimes) {
    const std::vector<double> ages = takeAges(text);
    EXPECT_EQ(text,
              "Table " + name.str() +
-                 ": 3 collectors, capacity 16, 0 inserts refused\n"
+                 ": 2 collectors, capacity 16, 0 inserts refused\n"
                  "Tracker ft1, cleared never\n"
                  "  Exporter exp1, cleared never\n"
                  "    Collector 192.0.2.1:4739\n"
                  "      messages 2, records 7, octets 500\n"
                  "      last sent N s ago, template N s ago, data never, options data N s ago\n"
-                 "      set 2: 0 records, 3 templates\n"
-                 "      set 256: 5 records, 0 templates\n"
-                 "      set 257: 2 records, 0 templates\n"
-                 "    Collector [2001:db8::1]:4739\n"
-                 "      messages 1, records 0, octets 200\n"
-                 "      last sent N s ago, template N s ago, data never, options data never\n"
-                 "      set 2: 0 records, 3 templates\n"
+                 "      set 2: records 0, templates 3\n"
+                 "      set 256: records 5, templates 0\n"
+                 "      set 257: records 2, templates 0\n"
                  "  Exporter exp2, cleared N s ago\n"
                  "Tracker ft2, cleared N s ago\n"
                  "  Exporter exp9, cleared N s ago\n"
                  "    Collector 192.0.2.7:2055\n"
                  "      messages 1, records 1, octets 90\n"
                  "      last sent N s ago, template never, data never, options data N s ago\n"
-                 "      set 256: 1 records, 0 templates\n");
-   const std::vector<double> nominal = {50, 100, 50, 100, 100, 20, 5, 5, 1, 1};
+                 "      set 256: records 1, templates 0\n");
+   const std::vector<double> nominal = {50, 100, 50, 20, 5, 5, 1, 1};
    ASSERT_EQ(ages.size(), nominal.size());
    for (std::size_t i = 0; i < nominal.size(); ++i) {
       EXPECT_GE(ages[i], nominal[i] - 0.05) << i;
@@ -169,16 +172,7 @@ TEST_F(IpfixStatsTest, PrintsTheSameAsJson) {
                 {"sets",
                  {{{"setId", 2}, {"records", 0}, {"templates", 3}},
                   {{"setId", 256}, {"records", 5}, {"templates", 0}},
-                  {{"setId", 257}, {"records", 2}, {"templates", 0}}}}},
-               {{"collector", "[2001:db8::1]:4739"},
-                {"messages", 1},
-                {"records", 0},
-                {"octets", 200},
-                {"lastSentSecondsAgo", 100},
-                {"lastTemplateSentSecondsAgo", 100},
-                {"lastDataRecordSentSecondsAgo", nullptr},
-                {"lastOptionsDataSentSecondsAgo", nullptr},
-                {"sets", {{{"setId", 2}, {"records", 0}, {"templates", 3}}}}}}}},
+                  {{"setId", 257}, {"records", 2}, {"templates", 0}}}}}}}},
             {{"name", "exp2"}, {"clearedSecondsAgo", 20}, {"collectors", noSets}}}}},
          {{"name", "ft2"},
           {"clearedSecondsAgo", 5},

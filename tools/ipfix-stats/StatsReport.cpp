@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cmath>
 
 namespace IpfixStats {
 
@@ -16,8 +17,10 @@ bool isClearTime(const CollectorStatisticsEntry& e) {
    return e.key().collector() == CollectorInfo();
 }
 
-nlohmann::json ageJson(Kel::Seconds time, Kel::Seconds now) {
-   return time == 0 ? nlohmann::json(nullptr) : nlohmann::json(std::max(0.0, now - time));
+// Seconds to the millisecond; the times themselves are finer than anything a
+// consumer of the report needs.
+Json ageJson(Kel::Seconds time, Kel::Seconds now) {
+   return time == 0 ? Json(nullptr) : Json(std::round(std::max(0.0, now - time) * 1000) / 1000);
 }
 
 // The per-set slots in use.
@@ -40,13 +43,13 @@ void appendCollector(std::string& out, const CollectorStatisticsEntry& e, Kel::S
                       ageText(e.lastDataRecordSentTime(), now),
                       ageText(e.lastOptionsDataSentTime(), now));
    for (const CollectorSetStatisticsEntry& set : usedSets(e)) {
-      out += fmt::format("      set {}: {} records, {} templates\n", set.setId().value(),
+      out += fmt::format("      set {}: records {}, templates {}\n", set.setId().value(),
                          set.exportedFlowRecordCount(), set.exportedTemplateCount());
    }
 }
 
-nlohmann::json collectorJson(const CollectorStatisticsEntry& e, Kel::Seconds now) {
-   nlohmann::json sets = nlohmann::json::array();
+Json collectorJson(const CollectorStatisticsEntry& e, Kel::Seconds now) {
+   Json sets = Json::array();
    for (const CollectorSetStatisticsEntry& set : usedSets(e)) {
       sets.push_back({{"setId", set.setId().value()},
                       {"records", set.exportedFlowRecordCount()},
@@ -124,13 +127,13 @@ std::string textReport(const TableSummary& table, const std::vector<TrackerStats
    return out;
 }
 
-nlohmann::json jsonReport(const TableSummary& table, const std::vector<TrackerStats>& trackers,
-                          Kel::Seconds now) {
-   nlohmann::json trackersJson = nlohmann::json::array();
+Json jsonReport(const TableSummary& table, const std::vector<TrackerStats>& trackers,
+                Kel::Seconds now) {
+   Json trackersJson = Json::array();
    for (const TrackerStats& t : trackers) {
-      nlohmann::json exporters = nlohmann::json::array();
+      Json exporters = Json::array();
       for (const ExporterStats& x : t.exporters) {
-         nlohmann::json collectors = nlohmann::json::array();
+         Json collectors = Json::array();
          for (const CollectorStatisticsEntry& e : x.collectors) {
             collectors.push_back(collectorJson(e, now));
          }

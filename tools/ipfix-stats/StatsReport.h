@@ -10,6 +10,9 @@
 // forms: a text listing for people and JSON for programs.
 namespace IpfixStats {
 
+// Fields in the order the report builds them, not sorted by name.
+using Json = nlohmann::ordered_json;
+
 struct ExporterStats {
    Kel::String name;
    // When the exporter's counters were last cleared, by a request for it or
@@ -40,7 +43,7 @@ std::string ageText(Kel::Seconds time, Kel::Seconds now);
 std::string textReport(const TableSummary& table, const std::vector<TrackerStats>& trackers,
                        Kel::Seconds now);
 // Ages in seconds, null for never.
-nlohmann::json jsonReport(const TableSummary& table, const std::vector<TrackerStats>& trackers,
-                          Kel::Seconds now);
+Json jsonReport(const TableSummary& table, const std::vector<TrackerStats>& trackers,
+                Kel::Seconds now);
 
 }  // namespace IpfixStats
