@@ -4,7 +4,7 @@
 #include <sstream>
 
 #include "Ipfix/OptionsData.h"
-#include "Kel/Exception.h"
+#include "support/ThrownText.h"
 
 namespace {
 
@@ -16,15 +16,6 @@ constexpr auto tracker = OptionsDataScope::scopeTracker;
 
 DataRecordPtr rec(const std::string& octets) {
    return dataRecordFactory(octets);
-}
-
-std::string errorText(const std::function<void()>& f) {
-   try {
-      f();
-   } catch (const std::exception& e) {
-      return e.what();
-   }
-   return "(no error)";
 }
 
 // Observers that log what they are told, reading the entity as they go.
@@ -87,7 +78,7 @@ TEST(OptionsDataUpdate, EachUpdateWritesThePairThenMovesTheVersion) {
 
    log.clear();
    EXPECT_EQ(
-       errorText([&] { update->addUpdate(302, nullptr); }),
+       thrownText<Kel::Exception>([&] { update->addUpdate(302, nullptr); }),
        "null _dataRecord parameter to mutator for FlowTracking::OptionsDataUpdate::dataRecord "
        "not allowed");
    EXPECT_TRUE(log.empty());
@@ -136,7 +127,7 @@ TEST(OptionsDataSource, RecordsByIdentityAndVersionNotifyOnlyOnChange) {
    std::sort(log.begin(), log.end());
    EXPECT_EQ(log, (Log{"-a", "-c"}));
    EXPECT_EQ(
-       errorText([&] { source->dataRecordIs(nullptr); }),
+       thrownText<Kel::Exception>([&] { source->dataRecordIs(nullptr); }),
        "null _dataRecord parameter to mutator for FlowTracking::OptionsDataSource::dataRecord "
        "not allowed");
 }
@@ -145,7 +136,7 @@ TEST(OptionsDataSourceColl, SourceIsFindsOrCreatesAndRefusesAnotherSetId) {
    auto coll = Kel::makeActive<OptionsDataSourceColl>(tracker);
    auto keys = coll->sourceIs("flowKey", 0xFFFE);
    EXPECT_EQ(coll->sourceIs("flowKey", 0xFFFE), keys);
-   EXPECT_EQ(errorText([&] { coll->sourceIs("flowKey", 0xFFFF); }),
+   EXPECT_EQ(thrownText<Kel::Exception>([&] { coll->sourceIs("flowKey", 0xFFFF); }),
              "Reinstantiating the pointer interface where constructor parameter attribute "
              "_dataSetId has a different value of 65535 than the current value of 65534 not "
              "allowed");
@@ -159,96 +150,88 @@ TEST(OptionsDataSourceColl, SourceIsFindsOrCreatesAndRefusesAnotherSetId) {
    EXPECT_EQ(r->references(), 1u) << "deleting a source drops its records";
 }
 
-// The single-object attributes of TrackerOptionsData and OptionsDataAll keep
-// an object of the requested scope and replace one of another scope.
-struct SlotCase {
-   const char* name;
-   std::function<const void*(OptionsDataScope)> is;
-   std::function<void()> del;
-   std::function<std::pair<const void*, OptionsDataScope>()> current;
-   OptionsDataScope initialScope;
-};
-
-TEST(OptionsData, SingleObjectAttributesKeepOrReplaceByScope) {
-   auto all = optionsDataAllFactory();
-   auto td = all->trackerDataIs("ft1");
-   Log log;
-   class AllLog : public OptionsDataAll::Notifiee {
-    public:
-      explicit AllLog(Log* l) : log(l) {}
-      void onGlobalData() override { log->push_back("globalData"); }
-      void onGlobalUpdate() override { log->push_back("globalUpdate"); }
-      Log* log;
-   } allLog(&log);
-   allLog.notifierIs(all);
-   class TrackerLog : public TrackerOptionsData::Notifiee {
-    public:
-      explicit TrackerLog(Log* l) : log(l) {}
-      void onData() override { log->push_back("data"); }
-      void onUpdate() override { log->push_back("update"); }
-      Log* log;
-   } trackerLog(&log);
-   trackerLog.notifierIs(td);
-
-   auto scopeOf = [](const auto& p) {
-      return std::pair<const void*, OptionsDataScope>(p.ptr(), p ? p->scope() : global);
-   };
-   const std::vector<SlotCase> cases = {
-       {"data", [&](auto s) { return td->dataIs(s).ptr(); }, [&] { td->dataDel(); },
-        [&] { return scopeOf(td->data()); }, tracker},
-       {"update", [&](auto s) { return td->updateIs(s).ptr(); }, [&] { td->updateDel(); },
-        [&] { return scopeOf(td->update()); }, tracker},
-       {"globalData", [&](auto s) { return all->globalDataIs(s).ptr(); },
-        [&] { all->globalDataDel(); }, [&] { return scopeOf(all->globalData()); }, global},
-       {"globalUpdate", [&](auto s) { return all->globalUpdateIs(s).ptr(); },
-        [&] { all->globalUpdateDel(); }, [&] { return scopeOf(all->globalUpdate()); }, global},
-   };
-   for (const auto& c : cases) {
-      SCOPED_TRACE(c.name);
-      const auto other = c.initialScope == global ? tracker : global;
-      const auto [initial, initialScope] = c.current();
-      ASSERT_TRUE(initial) << "created with its owner";
-      EXPECT_EQ(initialScope, c.initialScope);
-
-      log.clear();
-      EXPECT_EQ(c.is(c.initialScope), initial);
-      EXPECT_EQ(log, Log{}) << "same scope: kept, silent";
-
-      const void* replaced = c.is(other);
-      EXPECT_NE(replaced, initial);
-      EXPECT_EQ(c.current(), std::make_pair(replaced, other));
-      c.del();
-      EXPECT_EQ(c.current().first, nullptr);
-      EXPECT_NE(c.is(c.initialScope), nullptr);
-      EXPECT_EQ(log, (Log{c.name, c.name, c.name}));
+// Logs the attributes of the tree's root and of one tracker's data.
+class TreeLog : public OptionsDataAll::Notifiee {
+ public:
+   explicit TreeLog(Log* l) : log(l) {}
+   void onGlobalData() override { log->push_back("globalData"); }
+   void onGlobalUpdate() override { log->push_back("globalUpdate"); }
+   void onTrackerData(const Kel::Name& name) override {
+      log->push_back(name + (notifier()->trackerData(name) ? " present" : " gone"));
    }
-}
+   Log* log;
+};
+class TrackerLog : public TrackerOptionsData::Notifiee {
+ public:
+   explicit TrackerLog(Log* l) : log(l) {}
+   void onData() override { log->push_back("data"); }
+   void onUpdate() override { log->push_back("update"); }
+   Log* log;
+};
 
 TEST(OptionsDataAll, TrackerDataIsCreatedOnceWithItsTrackerScopeObjects) {
    auto all = optionsDataAllFactory();
-   EXPECT_EQ(all->globalData()->scope(), global);
-   EXPECT_EQ(all->globalUpdate()->scope(), global);
    Log log;
-   class Observer : public OptionsDataAll::Notifiee {
-    public:
-      explicit Observer(Log* l) : log(l) {}
-      void onTrackerData(const Kel::Name& name) override {
-         log->push_back(name + (notifier()->trackerData(name) ? " present" : " gone"));
-      }
-      Log* log;
-   } observer(&log);
+   TreeLog observer(&log);
    observer.notifierIs(all);
 
    auto td = all->trackerDataIs("ft1");
    EXPECT_EQ(all->trackerDataIs("ft1"), td);
    all->trackerDataIs("ft2");
-   EXPECT_EQ(td->name(), "ft1");
    EXPECT_EQ(td->data()->scope(), tracker);
    EXPECT_EQ(td->update()->scope(), tracker);
    all->trackerDataDel("ft1");
    all->trackerDataDel("ft1");
    all->trackerDataDelAll();
    EXPECT_EQ(log, (Log{"ft1 present", "ft2 present", "ft1 gone", "ft2 gone"}));
+}
+
+// The single-object attributes keep an object of the requested scope and
+// replace one of another scope.
+TEST(OptionsData, SingleObjectAttributesKeepOrReplaceByScope) {
+   auto all = optionsDataAllFactory();
+   auto td = all->trackerDataIs("ft1");
+   Log log;
+   TreeLog allLog(&log);
+   allLog.notifierIs(all);
+   TrackerLog trackerLog(&log);
+   trackerLog.notifierIs(td);
+
+   // Each row: the creator (object and its scope), the remover, the object now held.
+   using Held = std::pair<const void*, OptionsDataScope>;
+   const auto held = [](const auto& p) { return Held(p.ptr(), p->scope()); };
+   const struct {
+      const char* name;
+      std::function<Held(OptionsDataScope)> is;
+      std::function<void()> del;
+      std::function<const void*()> current;
+      OptionsDataScope initialScope;
+   } cases[] = {
+       {"data", [&](auto s) { return held(td->dataIs(s)); }, [&] { td->dataDel(); },
+        [&] { return td->data().ptr(); }, tracker},
+       {"update", [&](auto s) { return held(td->updateIs(s)); }, [&] { td->updateDel(); },
+        [&] { return td->update().ptr(); }, tracker},
+       {"globalData", [&](auto s) { return held(all->globalDataIs(s)); },
+        [&] { all->globalDataDel(); }, [&] { return all->globalData().ptr(); }, global},
+       {"globalUpdate", [&](auto s) { return held(all->globalUpdateIs(s)); },
+        [&] { all->globalUpdateDel(); }, [&] { return all->globalUpdate().ptr(); }, global},
+   };
+   for (const auto& c : cases) {
+      SCOPED_TRACE(c.name);
+      const auto other = c.initialScope == global ? tracker : global;
+      const void* initial = c.current();
+      log.clear();
+      EXPECT_EQ(c.is(c.initialScope), Held(initial, c.initialScope)) << "created with its owner";
+      EXPECT_EQ(log, Log{}) << "same scope: kept, silent";
+
+      const Held replaced = c.is(other);
+      EXPECT_NE(replaced.first, initial);
+      EXPECT_EQ(replaced, Held(c.current(), other));
+      c.del();
+      EXPECT_EQ(c.current(), nullptr);
+      EXPECT_EQ(c.is(c.initialScope).second, c.initialScope);
+      EXPECT_EQ(log, (Log{c.name, c.name, c.name}));
+   }
 }
 
 TEST(OptionsDataContainer, HoldsBothScopesOfOneTrackerByTheirOwnScope) {
@@ -265,10 +248,10 @@ TEST(OptionsDataContainer, HoldsBothScopesOfOneTrackerByTheirOwnScope) {
    } observer(&log);
    observer.notifierIs(container);
 
-   EXPECT_EQ(errorText([&] { container->dataIs(nullptr); }),
+   EXPECT_EQ(thrownText<Kel::Exception>([&] { container->dataIs(nullptr); }),
              "null _data parameter to mutator for FlowTracking::OptionsDataContainer::data not "
              "allowed");
-   EXPECT_EQ(errorText([&] { container->updateIs(nullptr); }),
+   EXPECT_EQ(thrownText<Kel::Exception>([&] { container->updateIs(nullptr); }),
              "null _update parameter to mutator for FlowTracking::OptionsDataContainer::update not "
              "allowed");
    EXPECT_TRUE(container->data().empty());
@@ -294,26 +277,6 @@ TEST(OptionsDataContainer, HoldsBothScopesOfOneTrackerByTheirOwnScope) {
    EXPECT_EQ(log, (Log{"data scopeGlobal", "data scopeTracker", "update scopeTracker",
                        "update scopeGlobal", "data scopeGlobal", "data scopeTracker",
                        "update scopeGlobal", "update scopeTracker"}));
-}
-
-TEST(DataRecord, AppendGrowsTheOctetsAndNotifies) {
-   auto r = dataRecordFactory("x");
-   Log log;
-   class Observer : public DataRecord::Notifiee {
-    public:
-      explicit Observer(Log* l) : log(l) {}
-      void onData() override { log->push_back(std::to_string(notifier()->dataLen())); }
-      Log* log;
-   } observer(&log);
-   observer.notifierIs(r);
-   const Kel::U8 octets[] = {0, 0xFF, 'a'};
-   r->append(octets, 3);
-   r->append(octets, 0);
-   r->append(octets + 2, 1);
-   EXPECT_EQ(r->data(), std::string("x\0\xFF"
-                                    "aa",
-                                    5));
-   EXPECT_EQ(log, (Log{"4", "5"}));
 }
 
 }  // namespace

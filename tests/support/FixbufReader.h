@@ -3,6 +3,8 @@
 #include <fixbuf/public.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <cstring>
 #include <map>
@@ -138,27 +140,13 @@ class FixbufReader {
       return values;
    }
 
-   // Numbers come out of libfixbuf in host order, at their template length.
+   // Numbers come out of libfixbuf in host order at their template length;
+   // on a little-endian host their low octets come first.
    static std::uint64_t hostNumber(const std::uint8_t* at, std::uint16_t len) {
-      switch (len) {
-         case 1:
-            return *at;
-         case 2: {
-            std::uint16_t v;
-            std::memcpy(&v, at, 2);
-            return v;
-         }
-         case 4: {
-            std::uint32_t v;
-            std::memcpy(&v, at, 4);
-            return v;
-         }
-         default: {
-            std::uint64_t v;
-            std::memcpy(&v, at, 8);
-            return v;
-         }
-      }
+      static_assert(std::endian::native == std::endian::little);
+      std::uint64_t v = 0;
+      std::memcpy(&v, at, std::min<std::size_t>(len, sizeof(v)));
+      return v;
    }
 
    fbInfoModel_t* model_;
