@@ -2,10 +2,17 @@
 PRESETS ?= release asan
 JOBS ?= $(shell nproc)
 
-.PHONY: test build bootstrap bench format clean
+.PHONY: demo test build bootstrap bench format clean
 
 bootstrap:
 	@scripts/bootstrap
+
+# The main job: the agent on the bundled example, with a libfixbuf collector
+# printing what it decodes, then the statistics table, then a clean stop.
+demo: bootstrap
+	@cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS) \
+	   --target ipfix-agent ipfix-collect ipfix-stats >/dev/null
+	@scripts/demo build/release
 
 build: bootstrap
 	@for p in $(PRESETS); do \

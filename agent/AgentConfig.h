@@ -71,11 +71,12 @@ struct Tracking {
 };
 
 // The table ipfix-stats reads unless told otherwise.
-inline const Kel::Name defaultStatisticsTable{Vorpa::Ipfix::defaultCollectorStatisticsTableName};
+inline constexpr std::string_view defaultStatisticsTable =
+    Vorpa::Ipfix::defaultCollectorStatisticsTableName;
 
 struct AgentConfig {
    // The shared-memory collector statistics table the agent writes.
-   Kel::Name statisticsTable = defaultStatisticsTable;
+   Kel::Name statisticsTable{defaultStatisticsTable};
    // Only the types the file configures.
    std::map<FlowTracking::FlowTrackingType, Tracking> tracking;
    // Interface name to interface index.

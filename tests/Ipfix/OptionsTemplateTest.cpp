@@ -3,19 +3,11 @@
 #include "Ipfix/IpfixSm.h"
 #include "Ipfix/OptionsTemplate.h"
 #include "Kel/Exception.h"
+#include "support/ThrownText.h"
 
 namespace {
 
 using Ipfix::RecordType;
-
-std::string assertionText(const std::function<void()>& f) {
-   try {
-      f();
-   } catch (const Kel::AssertionError& e) {
-      return e.what();
-   }
-   return "(no assertion)";
-}
 
 TEST(OptionsTemplate, RecordLengthCountsEnterpriseFieldsAsEight) {
    const auto eic = Ipfix::ipfixInitSmFactory()->elementIdCollection();
@@ -49,12 +41,12 @@ TEST(OptionsTemplate, RecordLengthCountsEnterpriseFieldsAsEight) {
 TEST(OptionsTemplate, MalformedTemplatesAndUnknownFieldsAreAssertions) {
    const auto eic = Ipfix::ipfixInitSmFactory()->elementIdCollection();
    auto t = Kel::makeActive<FlowTracking::OptionsTemplate>("T", 300);
-   EXPECT_EQ(assertionText([&] { FlowTracking::getTemplateEntryLength(*t); }),
+   EXPECT_EQ(thrownText([&] { FlowTracking::getTemplateEntryLength(*t); }),
              "templateEntry->scopeFields() > 0");
    FlowTracking::addScopeField(*eic, *t, RecordType::templateId);
-   EXPECT_EQ(assertionText([&] { FlowTracking::getTemplateEntryLength(*t); }),
+   EXPECT_EQ(thrownText([&] { FlowTracking::getTemplateEntryLength(*t); }),
              "templateEntry->fields() >= templateEntry->scopeFields()");
-   EXPECT_EQ(assertionText([&] { FlowTracking::addField(*eic, *t, RecordType(3)); }),
+   EXPECT_EQ(thrownText([&] { FlowTracking::addField(*eic, *t, RecordType(3)); }),
              "eic->elementIdCollHas( field->fieldId() )");
 
    auto entry = Kel::makeActive<HwFlowTracking::FtTemplateEntry>(0, RecordType::innerSrcIp6);

@@ -4,27 +4,18 @@
 
 #include "Kel/Exception.h"
 #include "Kel/Ptr.h"
+#include "support/ThrownText.h"
 
 namespace {
-
-template <class F>
-std::string assertionText(F&& f) {
-   try {
-      f();
-   } catch (const Kel::AssertionError& e) {
-      return e.what();
-   }
-   return "(no assertion)";
-}
 
 TEST(Exception, AssertionCarriesConditionTextExactly) {
    const unsigned msgLen = 10, pktBufSize = 4;
    const int consumed = 0;
-   EXPECT_EQ(assertionText([&] { KEL_ASSERT(msgLen <= pktBufSize); }), "msgLen <= pktBufSize");
-   EXPECT_EQ(assertionText([&] { KEL_ASSERT(consumed > 0); }), "consumed > 0");
-   EXPECT_EQ(assertionText([] { KEL_ASSERT(!"data source changed after init!"); }),
+   EXPECT_EQ(thrownText([&] { KEL_ASSERT(msgLen <= pktBufSize); }), "msgLen <= pktBufSize");
+   EXPECT_EQ(thrownText([&] { KEL_ASSERT(consumed > 0); }), "consumed > 0");
+   EXPECT_EQ(thrownText([] { KEL_ASSERT(!"data source changed after init!"); }),
              "!\"data source changed after init!\"");
-   EXPECT_EQ(assertionText([&] { KEL_ASSERT(consumed == 0); }), "(no assertion)");
+   EXPECT_EQ(thrownText([&] { KEL_ASSERT(consumed == 0); }), "(nothing thrown)");
 }
 
 struct Thing : Kel::PtrInterface {};

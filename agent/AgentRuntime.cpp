@@ -1,0 +1,157 @@
+#include "AgentRuntime.h"
+
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "Kel/Exception.h"
+#include "Kel/Trace.h"
+
+namespace Agent {
+
+namespace {
+
+Kel::TraceHandle traceAgent("Agent");
+
+constexpr Bexa::TaskPriority signalTaskPriority{1};
+
+void printErrors(const ConfigErrors& errors) {
+   for (const ConfigError& e : errors) {
+      std::fprintf(stderr, "%s\n", e.str().c_str());
+   }
+}
+
+}  // namespace
+
+AgentRuntime::AgentRuntime(Options options) : options_(std::move(options)) {}
+
+AgentRuntime::~AgentRuntime() {
+   if (signalFd_ >= 0) {
+      scheduler_->fdWatchDel(signalFd_);
+      ::close(signalFd_);
+   }
+}
+
+std::optional<AgentConfig> AgentRuntime::loadConfig() const {
+   LoadResult result = load(options_.configPath);
+   if (!result.config) {
+      printErrors(result.errors);
+      return std::nullopt;
+   }
+   if (options_.statisticsTable) {
+      result.config->statisticsTable = *options_.statisticsTable;
+   }
+   return result.config;
+}
+
+bool AgentRuntime::start() {
+   const auto config = loadConfig();
+   if (!config) {
+      return false;
+   }
+   init_ = Ipfix::ipfixInitSmFactory();
+   stats_ = Vorpa::Ipfix::collectorStatisticsFactory(config->statisticsTable);
+   writer_ = std::make_unique<ModelWriter>(init_->elementIdCollection(), interfaces_, vrfs_);
+   writer_->configIs(*config);
+   librariesIs(*config);
+
+   sigset_t signals;
+   sigemptyset(&signals);
+   for (int sig : {SIGHUP, SIGTERM, SIGINT}) {
+      sigaddset(&signals, sig);
+   }
+   if (sigprocmask(SIG_BLOCK, &signals, nullptr) != 0) {
+      throw Kel::ErrnoException(errno, "sigprocmask");
+   }
+   signalFd_ = signalfd(-1, &signals, SFD_CLOEXEC | SFD_NONBLOCK);
+   if (signalFd_ < 0) {
+      throw Kel::ErrnoException(errno, "signalfd");
+   }
+   signalTask_ = std::make_unique<Bexa::Task>(scheduler_, "AgentSignal", signalTaskPriority,
+                                              [this] { handleSignal(); });
+   scheduler_->fdWatchIs(signalFd_, signalTask_.get());
+   KEL_TRACE(traceAgent, 3, "Started with {} on table {}", options_.configPath,
+             config->statisticsTable);
+   return true;
+}
+
+// Creates the library of each type the configuration uses, in the start order
+// the library documents; types already running keep theirs.
+void AgentRuntime::librariesIs(const AgentConfig& config) {
+   for (const auto& [type, tracking] : config.tracking) {
+      if (libraries_.contains(type)) {
+         continue;
+      }
+      const TrackingModel& model = writer_->model(type);
+      TypeLibrary lib;
+      lib.info = Kel::makeActive<FlowTracking::FlowTrackingInfo>(type);
+      lib.tracking = FlowTracking::flowTrackingInfoSmFactory(scheduler_, model.config, lib.info,
+                                                             init_->agentInfo());
+      lib.templates =
+          FlowTracking::templateSmFactory(scheduler_, configReq_, model.status, model.config,
+                                          stats_, lib.info, init_->elementIdCollection());
+      libraries_.emplace(type, std::move(lib));
+      KEL_TRACE(traceAgent, 3, "Created the {} flow-tracking library",
+                FlowTracking::trackingTypeString(type));
+   }
+}
+
+void AgentRuntime::TracedVrfs::vrfIs(Kel::U32 id, const Kel::Name& name) {
+   KEL_TRACE(traceAgent, 3, "VRF {} is {}", id, name);
+}
+
+void AgentRuntime::TracedVrfs::vrfDel(Kel::U32 id) {
+   KEL_TRACE(traceAgent, 3, "VRF {} removed", id);
+}
+
+void AgentRuntime::handleSignal() {
+   signalfd_siginfo info{};
+   while (::read(signalFd_, &info, sizeof info) == sizeof info) {
+      if (info.ssi_signo == SIGHUP) {
+         reload();
+      } else {
+         KEL_TRACE(traceAgent, 3, "Stopping on signal {}", info.ssi_signo);
+         scheduler_->stop();
+      }
+   }
+}
+
+void AgentRuntime::reload() {
+   KEL_TRACE(traceAgent, 3, "Reloading {}", options_.configPath);
+   const auto config = loadConfig();
+   if (!config) {
+      std::fprintf(stderr, "ipfix-agent: %s not applied, still running the previous one\n",
+                   options_.configPath.c_str());
+      return;
+   }
+   if (config->statisticsTable != writer_->config().statisticsTable) {
+      std::fprintf(stderr,
+                   "ipfix-agent: the statistics table changes only with a restart; keeping %s\n",
+                   writer_->config().statisticsTable.c_str());
+   }
+   AgentConfig applied = *config;
+   applied.statisticsTable = writer_->config().statisticsTable;
+   writer_->configIs(applied);
+   librariesIs(applied);
+}
+
+// Removing the whole configuration takes the library down as a switch would:
+// machines before records, sockets closed, the removed collectors' statistics
+// deleted. The libraries go afterwards.
+void AgentRuntime::shutdown() {
+   AgentConfig empty;
+   empty.statisticsTable = writer_->config().statisticsTable;
+   writer_->configIs(empty);
+   libraries_.clear();
+}
+
+int AgentRuntime::run() {
+   scheduler_->run();
+   shutdown();
+   return 0;
+}
+
+}  // namespace Agent

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+
+#include "Bexa/TaskScheduler.h"
+#include "ConfigLoader.h"
+#include "FlowTracking/ConfigReq.h"
+#include "FlowTracking/IntfIndexMap.h"
+#include "Ipfix/CollectorStats.h"
+#include "Ipfix/FlowTrackerTemplateSm.h"
+#include "Ipfix/IpfixSm.h"
+#include "ModelWriter.h"
+
+namespace Agent {
+
+// The stand-alone agent: the model written from the configuration file, the
+// library built over it in its start order, and the event loop that runs it.
+// SIGHUP re-reads the file and applies the difference; SIGTERM and SIGINT
+// take everything down in order and end the loop.
+class AgentRuntime {
+ public:
+   struct Options {
+      Kel::String configPath;
+      // Overrides the file's statistics table name.
+      std::optional<Kel::Name> statisticsTable;
+   };
+
+   explicit AgentRuntime(Options options);
+   ~AgentRuntime();
+   AgentRuntime(const AgentRuntime&) = delete;
+   AgentRuntime& operator=(const AgentRuntime&) = delete;
+
+   // Loads and applies the file and builds the library. On a bad file prints
+   // every error and returns false, having built nothing.
+   bool start();
+   // Runs the loop until a stop signal, then tears down. Returns the exit code.
+   int run();
+
+   const Kel::Ptr<Bexa::TaskSchedulerRoot>& scheduler() const { return scheduler_; }
+
+ private:
+   // The library of one flow-tracking type.
+   struct TypeLibrary {
+      Kel::Ptr<FlowTracking::FlowTrackingInfo> info;
+      Kel::Ptr<FlowTracking::FlowTrackingInfoSm> tracking;
+      Kel::Ptr<FlowTracking::TemplateSm> templates;
+   };
+
+   // VRF changes are traced; they reach collectors once the options data of
+   // the VRF table is wired to a VRF id map.
+   class TracedVrfs final : public VrfSink {
+    public:
+      void vrfIs(Kel::U32 id, const Kel::Name& name) override;
+      void vrfDel(Kel::U32 id) override;
+   };
+
+   std::optional<AgentConfig> loadConfig() const;
+   void librariesIs(const AgentConfig& config);
+   void handleSignal();
+   void reload();
+   void shutdown();
+
+   Options options_;
+   Kel::Ptr<Bexa::TaskSchedulerRoot> scheduler_ = Kel::makePtr<Bexa::TaskSchedulerRoot>();
+   Kel::Ptr<Ipfix::IpfixInitSm> init_;
+   Kel::Ptr<FlowTracking::IntfIndexMap> interfaces_ = Kel::makeActive<FlowTracking::IntfIndexMap>();
+   Kel::Ptr<FlowTracking::ConfigReq> configReq_ = Kel::makeActive<FlowTracking::ConfigReq>();
+   Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> stats_;
+   TracedVrfs vrfs_;
+   std::unique_ptr<ModelWriter> writer_;
+   std::map<FlowTracking::FlowTrackingType, TypeLibrary> libraries_;
+   int signalFd_ = -1;
+   std::unique_ptr<Bexa::Task> signalTask_;
+};
+
+}  // namespace Agent

@@ -1,0 +1,199 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <set>
+
+#include "Ipfix/CollectorStats.h"
+#include "Vorpa/Segment.h"
+#include "support/FixbufTemplates.h"
+#include "support/UdpReceiver.h"
+
+namespace {
+
+// The agent as an operator runs it: a process with a configuration file,
+// sending to collectors that are real UDP sockets of this test.
+class AgentProcess {
+ public:
+   AgentProcess(const std::string& configPath, const std::string& table) {
+      errPath_ = configPath + ".stderr";
+      pid_ = fork();
+      if (pid_ == 0) {
+         const int err = open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+         dup2(err, 2);
+         execl(IPFIX_AGENT_PATH, "ipfix-agent", "--config", configPath.c_str(), "--stats-table",
+               table.c_str(), nullptr);
+         _exit(127);
+      }
+   }
+   ~AgentProcess() {
+      if (pid_ > 0) {
+         kill(pid_, SIGKILL);
+         waitpid(pid_, nullptr, 0);
+      }
+   }
+   void signal(int sig) const { kill(pid_, sig); }
+   bool running() const { return waitpid(pid_, nullptr, WNOHANG) == 0; }
+   // Waits for the exit and returns the exit status.
+   int wait() {
+      int status = 0;
+      waitpid(pid_, &status, 0);
+      pid_ = -1;
+      return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+   }
+   std::string stderrText() const {
+      std::ifstream in(errPath_);
+      return {std::istreambuf_iterator<char>(in), {}};
+   }
+
+ private:
+   pid_t pid_ = -1;
+   std::string errPath_;
+};
+
+std::string tempPath(const char* name) {
+   return ::testing::TempDir() + "/" + name + "-" + std::to_string(getpid());
+}
+
+void writeFile(const std::string& path, const std::string& text) {
+   std::ofstream(path) << text;
+}
+
+std::string config(const std::vector<std::pair<std::string, int>>& collectors,
+                   const std::string& extraInterface = "") {
+   std::string c = R"(flow-tracking:
+  hardware:
+    sample-rate: 512
+    trackers:
+      - name: ft1
+        id: 9
+        exporters:
+          - name: e1
+            source-ipv4: 127.0.0.1
+            dscp: 46
+            template-interval-ms: 60000
+            collectors:
+)";
+   for (const auto& [name, port] : collectors) {
+      c += "              - { name: " + name +
+           ", address: 127.0.0.1, port: " + std::to_string(port) + " }\n";
+   }
+   c += R"(        flow-groups:
+          - template-id: 300
+            entries: 10
+            fields: [ { element: sourceIPv4Address, flow-key: true }, octetDeltaCount ]
+interfaces:
+  - { name: Ethernet1, index: 1 }
+)" + extraInterface +
+        R"(vrfs:
+  - { id: 1, name: blue }
+)";
+   return c;
+}
+
+// Set ids of the datagrams a collector gets within a few seconds, until it has
+// seen all of `wanted`.
+std::multiset<unsigned> collect(TestSupport::UdpReceiver& rx, const std::set<unsigned>& wanted,
+                                std::vector<TestSupport::Datagram>* kept = nullptr) {
+   std::multiset<unsigned> seen;
+   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+   while (std::chrono::steady_clock::now() < deadline) {
+      auto d = rx.receiveWithin(100);
+      if (!d) {
+         if (std::includes(seen.begin(), seen.end(), wanted.begin(), wanted.end())) {
+            break;
+         }
+         continue;
+      }
+      seen.insert(d->payload[16] << 8 | d->payload[17]);
+      if (kept) {
+         kept->push_back(std::move(*d));
+      }
+   }
+   return seen;
+}
+
+TEST(AgentProcess, ExportsReloadsAndStopsCleanly) {
+   const std::string table = "ipfix-agent-test-" + std::to_string(getpid());
+   const std::string path = tempPath("agent.yaml");
+   TestSupport::UdpReceiver rx1(false), rx2(false);
+   writeFile(path, config({{"c1", rx1.port()}}));
+   AgentProcess agent(path, table);
+
+   // Templates (set 2) and options templates (set 3).
+   std::vector<TestSupport::Datagram> got;
+   const auto sets = collect(rx1, {2, 3}, &got);
+   for (unsigned id : {2u, 3u}) {
+      EXPECT_TRUE(sets.contains(id)) << "set " << id;
+   }
+   ASSERT_FALSE(got.empty());
+   EXPECT_EQ(got.front().tos, 0xB8) << "dscp 46 is written as the ToS byte 0xB8";
+   FixbufTemplateReader reader;
+   for (const auto& d : got) {
+      if ((d.payload[16] << 8 | d.payload[17]) == 2) {
+         const auto msg = reader.read(d.payload);
+         ASSERT_EQ(msg.templates.size(), 1u);
+         EXPECT_EQ(msg.observationDomain, 9u);
+         EXPECT_EQ(msg.templates[0].id, 300);
+      }
+   }
+
+   // A reload that adds a collector and an interface.
+   writeFile(path, config({{"c1", rx1.port()}, {"c2", rx2.port()}},
+                          "  - { name: Ethernet2, index: 2 }\n"));
+   agent.signal(SIGHUP);
+   const auto sets2 = collect(rx2, {2, 3});
+   EXPECT_TRUE(sets2.contains(2));
+   EXPECT_TRUE(sets2.contains(3));
+
+   // A bad file is refused and changes nothing.
+   writeFile(path, "flow-tracking: [\n");
+   agent.signal(SIGHUP);
+   TestSupport::UdpReceiver rx3(false);
+   writeFile(path, config({{"c1", rx1.port()}, {"c2", rx2.port()}, {"c3", rx3.port()}}));
+   agent.signal(SIGHUP);  // the agent still runs and applies a good file
+   EXPECT_TRUE(collect(rx3, {2}).contains(2));
+
+   // Stop: exit 0, statistics entries of the removed collectors gone.
+   agent.signal(SIGTERM);
+   EXPECT_EQ(agent.wait(), 0);
+   EXPECT_NE(agent.stderrText().find("not applied"), std::string::npos) << agent.stderrText();
+   const auto stats = Vorpa::Ipfix::CollectorStatisticsReader::mount(table);
+   std::size_t entries = 0;
+   stats.forEach([&](const auto&, const auto&) { ++entries; });
+   EXPECT_EQ(entries, 0u);
+   Vorpa::Segment::remove(table);
+   unlink(path.c_str());
+}
+
+TEST(AgentProcess, CheckValidatesWithLocatedErrors) {
+   const std::string path = tempPath("check.yaml");
+   const struct {
+      std::string text;
+      int exitCode;
+      std::string error;
+   } cases[] = {
+       {config({{"c1", 4739}}), 0, ""},
+       {"flow-tracking:\n  hardware:\n    trackers:\n      - { name: t, id: 1, colour: red }\n", 2,
+        ":4: flow-tracking.hardware.trackers[0].colour:"},
+   };
+   for (const auto& c : cases) {
+      writeFile(path, c.text);
+      const std::string errPath = path + ".err";
+      const std::string cmd =
+          std::string(IPFIX_AGENT_PATH) + " --check --config " + path + " 2>" + errPath;
+      const int status = std::system(cmd.c_str());
+      EXPECT_EQ(WEXITSTATUS(status), c.exitCode);
+      std::ifstream in(errPath);
+      const std::string err{std::istreambuf_iterator<char>(in), {}};
+      EXPECT_NE(err.find(c.error), std::string::npos) << err;
+      unlink(errPath.c_str());
+   }
+   unlink(path.c_str());
+}
+
+}  // namespace
