@@ -8,41 +8,75 @@
 
 namespace Vorpa {
 
-// Fletcher-style checksum over 64-bit words in four lanes, kept as two pairs
-// of 64-bit vector lanes so that the compiler uses SIMD additions. The second
-// sum of each lane makes it sensitive to word order, so a changed, zeroed or
-// moved word changes the result. It guards against corruption, not against an
-// adversary.
-inline Kel::U64 checksum(const void* data, std::size_t size, Kel::U64 seed) {
+namespace detail {
+
+// Fletcher-style sums over 64-bit words in four lanes, kept as two pairs of
+// 64-bit vector lanes so that the compiler uses SIMD additions. The second
+// sum of each lane makes the result sensitive to word order, so a changed,
+// zeroed or moved word changes it. It guards against corruption, not against
+// an adversary.
+class ChecksumLanes {
+ public:
    using Pair = Kel::U64 __attribute__((vector_size(16)));
-   Pair a0 = {seed, seed ^ 0x9e3779b97f4a7c15ULL};
-   Pair a1 = {seed ^ 0xc2b2ae3d27d4eb4fULL, seed ^ 0x165667b19e3779f9ULL};
-   Pair b0 = {0, 0};
-   Pair b1 = {0, 0};
-   const auto add = [&](const unsigned char* p) {
+   static constexpr std::size_t block = 2 * sizeof(Pair);
+
+   explicit ChecksumLanes(Kel::U64 seed)
+       : a0_{seed, seed ^ 0x9e3779b97f4a7c15ULL},
+         a1_{seed ^ 0xc2b2ae3d27d4eb4fULL, seed ^ 0x165667b19e3779f9ULL} {}
+
+   // Adds one block at `from`, copying it to `to` unless that is null.
+   void add(const unsigned char* from, unsigned char* to) {
       Pair w0;
       Pair w1;
-      std::memcpy(&w0, p, sizeof w0);
-      std::memcpy(&w1, p + sizeof w0, sizeof w1);
-      a0 += w0;
-      b0 += a0;
-      a1 += w1;
-      b1 += a1;
-   };
-   constexpr std::size_t block = 2 * sizeof(Pair);
-   const auto* p = static_cast<const unsigned char*>(data);
-   const std::size_t blocks = size / block;
-   for (std::size_t i = 0; i < blocks; ++i, p += block) {
-      add(p);
+      std::memcpy(&w0, from, sizeof w0);
+      std::memcpy(&w1, from + sizeof w0, sizeof w1);
+      if (to) {
+         std::memcpy(to, &w0, sizeof w0);
+         std::memcpy(to + sizeof w0, &w1, sizeof w1);
+      }
+      a0_ += w0;
+      b0_ += a0_;
+      a1_ += w1;
+      b1_ += a1_;
    }
-   unsigned char tail[block] = {};
-   std::memcpy(tail, p, size % block);
-   add(tail);
-   Kel::U64 h = size;
-   for (const Kel::U64 lane : {a0[0], b0[0], a0[1], b0[1], a1[0], b1[0], a1[1], b1[1]}) {
-      h = std::rotl(h, 23) ^ lane;
+
+   Kel::U64 run(const void* data, void* copy, std::size_t size) {
+      const auto* from = static_cast<const unsigned char*>(data);
+      auto* to = static_cast<unsigned char*>(copy);
+      for (std::size_t i = 0; i < size / block; ++i) {
+         add(from + i * block, to ? to + i * block : nullptr);
+      }
+      const std::size_t done = size - size % block;
+      unsigned char tail[block] = {};
+      std::memcpy(tail, from + done, size % block);
+      if (to) {
+         std::memcpy(to + done, tail, size % block);
+      }
+      add(tail, nullptr);
+      Kel::U64 h = size;
+      for (const Kel::U64 lane : {a0_[0], b0_[0], a0_[1], b0_[1], a1_[0], b1_[0], a1_[1], b1_[1]}) {
+         h = std::rotl(h, 23) ^ lane;
+      }
+      return h;
    }
-   return h;
+
+ private:
+   Pair a0_;
+   Pair a1_;
+   Pair b0_ = {0, 0};
+   Pair b1_ = {0, 0};
+};
+
+}  // namespace detail
+
+inline Kel::U64 checksum(const void* data, std::size_t size, Kel::U64 seed) {
+   return detail::ChecksumLanes(seed).run(data, nullptr, size);
+}
+
+// Copies `size` bytes and returns checksum() of them, reading each byte once:
+// what a reader of a slot checks is exactly what it copied.
+inline Kel::U64 checksumCopy(void* to, const void* from, std::size_t size, Kel::U64 seed) {
+   return detail::ChecksumLanes(seed).run(from, to, size);
 }
 
 }  // namespace Vorpa

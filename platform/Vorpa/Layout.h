@@ -111,9 +111,13 @@ struct ChangeHeader {
    Kel::U32 reserved;
 };
 
+inline Kel::U64 slotChecksumSeed(Kel::U32 state, Kel::U64 keyHash) {
+   return (keyHash ^ 0x5bd1e9955bd1e995ULL) * 31 + state;
+}
+
 inline Kel::U64 slotChecksum(Kel::U32 state, Kel::U64 keyHash, const void* stored,
                              Kel::U32 storedSize) {
-   return checksum(stored, storedSize, (keyHash ^ 0x5bd1e9955bd1e995ULL) * 31 + state);
+   return checksum(stored, storedSize, slotChecksumSeed(state, keyHash));
 }
 
 }  // namespace Vorpa

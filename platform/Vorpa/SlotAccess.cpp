@@ -74,17 +74,19 @@ ReadStatus slotCopy(const std::byte* slot, const Geometry& g, void* stored, Slot
    const auto& h = *reinterpret_cast<const SlotHeader*>(slot);
    Kel::U32 state = 0;
    Kel::U64 keyHash = 0;
-   Kel::U64 checksum = 0;
+   Kel::U64 expected = 0;
+   Kel::U64 computed = 0;
    const ReadStatus status = readStable(h, [&] {
       state = h.state;
       keyHash = h.keyHash;
-      checksum = h.checksum;
-      std::memcpy(stored, slot + g.storedOffset, g.stored.size);
+      expected = h.checksum;
+      computed = checksumCopy(stored, slot + g.storedOffset, g.stored.size,
+                              slotChecksumSeed(state, keyHash));
    });
    if (status != ReadStatus::ok) {
       return status;
    }
-   if (!validState(state) || slotChecksum(state, keyHash, stored, g.stored.size) != checksum) {
+   if (!validState(state) || computed != expected) {
       return ReadStatus::corrupt;
    }
    *view = SlotView{static_cast<SlotState>(state), keyHash};
