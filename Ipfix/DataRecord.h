@@ -1,6 +1,8 @@
 #pragma once
 
 #include "Kel/Entity.h"
+#include "Kel/Exception.h"
+#include "Nivel/NetOrder.h"
 
 namespace FlowTracking {
 
@@ -29,5 +31,20 @@ class DataRecord : public Kel::Entity {
 };
 
 Kel::Ptr<DataRecord> dataRecordFactory(Kel::String data = {});
+
+// Record encoding: each addElement writes one field value at `*pos` and moves
+// `*pos` past it, never beyond `max`, the end of the record's buffer.
+
+// An 8-, 16- or 32-bit value in network byte order.
+template <class BaseType>
+void addElement(BaseType value, Kel::U8** pos, const Kel::U8* max) {
+   KEL_ASSERT_TEXT(*pos + sizeof(BaseType) <= max, "*pos + sizeof( BaseType ) <= max");
+   Nivel::storeNet(*pos, value);
+   *pos += sizeof(BaseType);
+}
+
+// A variable-length text in the short form: one length octet, then the text.
+// Texts of 255 octets or more would need the long form and are refused.
+void addElement(const Kel::String& element, Kel::U8** pos, const Kel::U8* max);
 
 }  // namespace FlowTracking

@@ -28,7 +28,9 @@ class IpfixInitSm : public Kel::Entity {
    bool initialized_ = false;
 };
 
-// Called once by the agent before it creates any other state machine.
+// Called once by the agent before it creates any other state machine. It also
+// registers the per-type factories in Kel::TypeRegistry: "FlowTrackingInfoSm",
+// "TemplateSm" and "OptionsDataManagerSm".
 Kel::Ptr<IpfixInitSm> ipfixInitSmFactory();
 
 }  // namespace Ipfix

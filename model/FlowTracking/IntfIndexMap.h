@@ -18,6 +18,10 @@ class IntfIndexMap : public Kel::Entity {
       virtual void onIntfId(Kel::U32) {}
    };
 
+   // Indexes that stand for no interface of the map (multicast, discard,
+   // CPU, unknown) and that readers describe on their own.
+   static constexpr Kel::U32 numReservedIntfs() { return 4; }
+
    const std::map<Nivel::IntfId, Kel::U32>& intfIndex() const { return intfIndex_; }
    std::optional<Kel::U32> intfIndex(const Nivel::IntfId& id) const {
       const auto it = intfIndex_.find(id);
