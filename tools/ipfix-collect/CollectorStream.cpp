@@ -18,7 +18,10 @@ std::vector<DecodedField> fieldsOf(fbTemplate_t* t) {
    std::vector<DecodedField> fields;
    for (std::uint32_t i = 0; i < fbTemplateCountElements(t); ++i) {
       const fbInfoElement_t* ie = fbTemplateGetIndexedIE(t, i);
-      fields.push_back({ie->ent, ie->num, ie->len, elementName(ie)});
+      const bool octets =
+          ie->type == FB_OCTET_ARRAY || ie->type == FB_STRING || ie->type == FB_MAC_ADDR;
+      const bool wordSized = ie->len == 1 || ie->len == 2 || ie->len == 4 || ie->len == 8;
+      fields.push_back({ie->ent, ie->num, ie->len, elementName(ie), wordSized && !octets});
    }
    return fields;
 }
@@ -36,7 +39,7 @@ DecodedValue valueAt(const DecodedField& f, const std::uint8_t* at) {
       std::memcpy(&v, at, sizeof v);
       return std::string(reinterpret_cast<const char*>(v.buf), v.len);
    }
-   if (f.length == 1 || f.length == 2 || f.length == 4 || f.length == 8) {
+   if (f.number) {
       std::uint64_t n = 0;
       std::memcpy(&n, at, f.length);
       return n;

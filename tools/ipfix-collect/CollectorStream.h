@@ -16,6 +16,7 @@ struct DecodedField {
    std::uint16_t element;
    std::uint16_t length;
    std::string name;  // the information model's name, or "enterprise/element"
+   bool number;       // an integer (or time, IPv4 address) that libfixbuf puts in host order
    bool operator==(const DecodedField& o) const {
       return enterprise == o.enterprise && element == o.element && length == o.length;
    }
@@ -27,8 +28,9 @@ struct DecodedTemplate {
    std::vector<DecodedField> fields;
 };
 
-// An unsigned number (fields of 1, 2, 4 or 8 octets), or the octets of any
-// other field: variable-length texts, addresses.
+// A number, or the octets of any other field: texts, IPv6 addresses, and the
+// fields of elements libfixbuf does not know, which it leaves as they were
+// sent.
 using DecodedValue = std::variant<std::uint64_t, std::string>;
 
 struct DecodedRecord {
