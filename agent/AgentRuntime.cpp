@@ -93,18 +93,12 @@ void AgentRuntime::librariesIs(const AgentConfig& config) {
       lib.templates =
           FlowTracking::templateSmFactory(scheduler_, configReq_, model.status, model.config,
                                           stats_, lib.info, init_->elementIdCollection());
+      lib.optionsData = FlowTracking::optionsDataManagerSmFactory(
+          model.config, model.status, lib.info, interfaces_, vrfs_.status(), stats_, scheduler_);
       libraries_.emplace(type, std::move(lib));
       KEL_TRACE(traceAgent, 3, "Created the {} flow-tracking library",
                 FlowTracking::trackingTypeString(type));
    }
-}
-
-void AgentRuntime::TracedVrfs::vrfIs(Kel::U32 id, const Kel::Name& name) {
-   KEL_TRACE(traceAgent, 3, "VRF {} is {}", id, name);
-}
-
-void AgentRuntime::TracedVrfs::vrfDel(Kel::U32 id) {
-   KEL_TRACE(traceAgent, 3, "VRF {} removed", id);
 }
 
 void AgentRuntime::handleSignal() {

@@ -11,7 +11,9 @@
 #include "Ipfix/CollectorStats.h"
 #include "Ipfix/FlowTrackerTemplateSm.h"
 #include "Ipfix/IpfixSm.h"
+#include "Ipfix/OptionsDataManagerSm.h"
 #include "ModelWriter.h"
+#include "VrfIdMapWriter.h"
 
 namespace Agent {
 
@@ -41,19 +43,13 @@ class AgentRuntime {
    const Kel::Ptr<Bexa::TaskSchedulerRoot>& scheduler() const { return scheduler_; }
 
  private:
-   // The library of one flow-tracking type.
+   // The library of one flow-tracking type, in creation order; members go in
+   // reverse, the options data first.
    struct TypeLibrary {
       Kel::Ptr<FlowTracking::FlowTrackingInfo> info;
       Kel::Ptr<FlowTracking::FlowTrackingInfoSm> tracking;
       Kel::Ptr<FlowTracking::TemplateSm> templates;
-   };
-
-   // VRF changes are traced; they reach collectors once the options data of
-   // the VRF table is wired to a VRF id map.
-   class TracedVrfs final : public VrfSink {
-    public:
-      void vrfIs(Kel::U32 id, const Kel::Name& name) override;
-      void vrfDel(Kel::U32 id) override;
+      Kel::Ptr<FlowTracking::OptionsDataManagerSm> optionsData;
    };
 
    std::optional<AgentConfig> loadConfig() const;
@@ -68,7 +64,7 @@ class AgentRuntime {
    Kel::Ptr<FlowTracking::IntfIndexMap> interfaces_ = Kel::makeActive<FlowTracking::IntfIndexMap>();
    Kel::Ptr<FlowTracking::ConfigReq> configReq_ = Kel::makeActive<FlowTracking::ConfigReq>();
    Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> stats_;
-   TracedVrfs vrfs_;
+   VrfIdMapWriter vrfs_;
    std::unique_ptr<ModelWriter> writer_;
    std::map<FlowTracking::FlowTrackingType, TypeLibrary> libraries_;
    int signalFd_ = -1;
