@@ -8,9 +8,10 @@
 #include <fstream>
 #include <set>
 
+#include "FlowTracking/Constants.h"
 #include "Ipfix/CollectorStats.h"
 #include "Vorpa/Segment.h"
-#include "support/FixbufTemplates.h"
+#include "support/LoopbackCollector.h"
 #include "support/UdpReceiver.h"
 
 namespace {
@@ -117,46 +118,77 @@ std::multiset<unsigned> collect(TestSupport::UdpReceiver& rx, const std::set<uns
    return seen;
 }
 
-TEST(AgentProcess, ExportsReloadsAndStopsCleanly) {
-   const std::string table = "ipfix-agent-test-" + std::to_string(getpid());
-   const std::string path = tempPath("agent.yaml");
-   TestSupport::UdpReceiver rx1(false), rx2(false);
-   writeFile(path, config({{"c1", rx1.port()}}));
-   AgentProcess agent(path, table);
+using Records = std::multiset<TestSupport::LoopbackCollector::Values>;
 
-   // Templates (set 2) and options templates (set 3).
-   std::vector<TestSupport::Datagram> got;
-   const auto sets = collect(rx1, {2, 3}, &got);
-   for (unsigned id : {2u, 3u}) {
-      EXPECT_TRUE(sets.contains(id)) << "set " << id;
-   }
-   ASSERT_FALSE(got.empty());
-   EXPECT_EQ(got.front().tos, 0xB8) << "dscp 46 is written as the ToS byte 0xB8";
-   FixbufTemplateReader reader;
-   for (const auto& d : got) {
-      if ((d.payload[16] << 8 | d.payload[17]) == 2) {
-         const auto msg = reader.read(d.payload);
-         ASSERT_EQ(msg.templates.size(), 1u);
-         EXPECT_EQ(msg.observationDomain, 9u);
-         EXPECT_EQ(msg.templates[0].id, 300);
+const std::uint16_t intfSet =
+    FlowTracking::Constants::reservedTemplateId(FlowTracking::StaticTemplateId::intfTable);
+const std::uint16_t vrfSet =
+    FlowTracking::Constants::reservedTemplateId(FlowTracking::StaticTemplateId::vrfTable);
+const std::uint16_t keySet =
+    FlowTracking::Constants::reservedTemplateId(FlowTracking::StaticTemplateId::flowKey);
+const std::uint16_t trackerSet =
+    FlowTracking::Constants::reservedTemplateId(FlowTracking::StaticTemplateId::flowTrackerTable);
+
+Records interfaces(Records configured) {
+   configured.insert({{0x80000000u, "multicast"},
+                      {0x40000000u, "discard"},
+                      {0x3FFFFFFFu, "CPU"},
+                      {0u, "unknown"}});
+   return configured;
+}
+
+// Until every options data table has arrived once.
+bool allTables(const std::vector<IpfixCollect::DecodedMessage>& messages) {
+   for (const auto id : {intfSet, vrfSet, keySet, trackerSet}) {
+      if (TestSupport::LoopbackCollector::records(messages, id).empty()) {
+         return false;
       }
    }
+   return true;
+}
 
-   // A reload that adds a collector and an interface.
-   writeFile(path, config({{"c1", rx1.port()}, {"c2", rx2.port()}},
-                          "  - { name: Ethernet2, index: 2 }\n"));
+TEST(AgentProcess, ExportsReloadsAndStopsCleanly) {
+   using C = TestSupport::LoopbackCollector;
+   const std::string table = "ipfix-agent-test-" + std::to_string(getpid());
+   const std::string path = tempPath("agent.yaml");
+   C c1(false), c2(false);
+   TestSupport::UdpReceiver& rx1 = c1.receiver();
+   writeFile(path, config({{"c1", rx1.port()}}, "  - { name: Ethernet2, index: 2 }\n"));
+   AgentProcess agent(path, table);
+
+   // Everything a collector needs, decoded by libfixbuf from the stream.
+   const auto messages = c1.drainUntil(allTables);
+   ASSERT_FALSE(messages.empty());
+   const auto templates = C::templates(messages);
+   ASSERT_TRUE(templates.contains(300));
+   EXPECT_EQ(templates.at(300).fields.size(), 2u);
+   for (const auto& m : messages) {
+      EXPECT_EQ(m.observationDomain, 9u);
+   }
+   EXPECT_EQ(C::records(messages, intfSet), interfaces({{1u, "Ethernet1"}, {2u, "Ethernet2"}}));
+   EXPECT_EQ(C::records(messages, vrfSet), (Records{{1u, "blue"}, {0xFFFFFFu, ""}}));
+   EXPECT_EQ(C::records(messages, keySet), (Records{{300u, 0x1u}}));
+   const Records tracker = C::records(messages, trackerSet);
+   ASSERT_EQ(tracker.size(), 1u);
+   EXPECT_EQ(tracker.begin()->at(6), C::Values::value_type(512u)) << "the sampling rate";
+
+   // A reload that adds a collector and removes an interface: the new
+   // collector gets the tables as they are now.
+   writeFile(path, config({{"c1", rx1.port()}, {"c2", c2.receiver().port()}}));
    agent.signal(SIGHUP);
-   const auto sets2 = collect(rx2, {2, 3});
-   EXPECT_TRUE(sets2.contains(2));
-   EXPECT_TRUE(sets2.contains(3));
+   const auto reloaded = c2.drainUntil(allTables);
+   EXPECT_EQ(C::records(reloaded, intfSet), interfaces({{1u, "Ethernet1"}}));
 
    // A bad file is refused and changes nothing.
    writeFile(path, "flow-tracking: [\n");
    agent.signal(SIGHUP);
    TestSupport::UdpReceiver rx3(false);
-   writeFile(path, config({{"c1", rx1.port()}, {"c2", rx2.port()}, {"c3", rx3.port()}}));
+   writeFile(path, config({{"c1", rx1.port()}, {"c2", c2.receiver().port()}, {"c3", rx3.port()}}));
    agent.signal(SIGHUP);  // the agent still runs and applies a good file
-   EXPECT_TRUE(collect(rx3, {2}).contains(2));
+   std::vector<TestSupport::Datagram> got;
+   EXPECT_TRUE(collect(rx3, {2}, &got).contains(2));
+   ASSERT_FALSE(got.empty());
+   EXPECT_EQ(got.front().tos, 0xB8) << "dscp 46 is written as the ToS byte 0xB8";
 
    // Stop: exit 0, statistics entries of the removed collectors gone.
    agent.signal(SIGTERM);

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <set>
@@ -28,13 +29,21 @@ class LoopbackCollector {
    std::vector<IpfixCollect::DecodedMessage> drain() {
       std::vector<IpfixCollect::DecodedMessage> messages;
       while (auto d = rx_.receive()) {
-         auto& stream = streams_[d->sourcePort];
-         if (!stream) {
-            stream = std::make_unique<IpfixCollect::CollectorStream>();
+         messages.push_back(decode(*d));
+      }
+      return messages;
+   }
+
+   // For a sender in another process: decodes what arrives until `done` holds
+   // for all of it, or ten seconds pass. Returns all of it.
+   template <class Done>
+   std::vector<IpfixCollect::DecodedMessage> drainUntil(Done&& done) {
+      std::vector<IpfixCollect::DecodedMessage> messages;
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+      while (!done(messages) && std::chrono::steady_clock::now() < deadline) {
+         if (auto d = rx_.receiveWithin(100)) {
+            messages.push_back(decode(*d));
          }
-         auto m = stream->read(d->payload.data(), d->payload.size());
-         EXPECT_EQ(m.error, "") << "libfixbuf could not decode a message";
-         messages.push_back(std::move(m));
       }
       return messages;
    }
@@ -67,6 +76,16 @@ class LoopbackCollector {
    }
 
  private:
+   IpfixCollect::DecodedMessage decode(const Datagram& d) {
+      auto& stream = streams_[d.sourcePort];
+      if (!stream) {
+         stream = std::make_unique<IpfixCollect::CollectorStream>();
+      }
+      auto m = stream->read(d.payload.data(), d.payload.size());
+      EXPECT_EQ(m.error, "") << "libfixbuf could not decode a message";
+      return m;
+   }
+
    UdpReceiver rx_;
    std::map<Nivel::Port, std::unique_ptr<IpfixCollect::CollectorStream>> streams_;
 };
