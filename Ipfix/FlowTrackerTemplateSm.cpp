@@ -316,7 +316,7 @@ void FtTemplateSm::optTemplateExporterSmIs(
    KEL_TRACE(traceIpfix, 3, "Created OptionsTemplateExporterSm for {}", exporter);
 }
 
-void FtTemplateSm::exportersDel(const Kel::Name& exporter) {
+void FtTemplateSm::exportersDel(Kel::Name exporter) {
    if (const auto sm = ftExporterSm(exporter)) {
       sm->handleDel();
       ftExporterSm_.erase(exporter);

@@ -108,7 +108,8 @@ class FtTemplateSm : public Kel::PtrInterface {
    void optTemplateExporterSmIs(const Kel::Name& exporter, FtId ftId,
                                 const Kel::Ptr<const HwFlowTracking::ExporterConfig>& config,
                                 const Kel::Ptr<ExporterInfo>& expInfo);
-   void exportersDel(const Kel::Name& exporter);
+   // By value: callers pass the key of an entry that this erases.
+   void exportersDel(Kel::Name exporter);
 
    const Kel::Name name_;
    const Kel::Ptr<const HwFlowTracking::FtConfig> hwFtConfig_;

@@ -146,7 +146,7 @@ void FtOptionsDataManagerSm::exporterSmIs(
    KEL_TRACE(traceIpfix, 3, "Created OptionsDataExporterSm for {}", expName);
 }
 
-void FtOptionsDataManagerSm::exporterSmDel(const Kel::Name& expName) {
+void FtOptionsDataManagerSm::exporterSmDel(Kel::Name expName) {
    if (exporterSm_.erase(expName) > 0) {
       KEL_TRACE(traceIpfix, 3, "Deleted OptionsDataExporterSm for {}", expName);
    }
@@ -308,7 +308,7 @@ void OptionsDataManagerSm::ftManagerSmIs(const Kel::Name& ftName, FtId ftId,
    KEL_TRACE(traceIpfix, 3, "Created FtOptionsDataManagerSm for {}", ftName);
 }
 
-void OptionsDataManagerSm::trackerDel(const Kel::Name& ftName) {
+void OptionsDataManagerSm::trackerDel(Kel::Name ftName) {
    dataAll_->trackerDataDel(ftName);
    if (ftManagerSm_.erase(ftName) > 0) {
       KEL_TRACE(traceIpfix, 3, "Deleted FtOptionsDataManagerSm for {}", ftName);

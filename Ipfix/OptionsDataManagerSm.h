@@ -74,7 +74,8 @@ class FtOptionsDataManagerSm : public Kel::PtrInterface {
    void exporterSmIs(const Kel::Name& expName,
                      const Kel::Ptr<const HwFlowTracking::ExporterConfig>& hwExpConfig,
                      const Kel::Ptr<ExporterInfo>& expInfo);
-   void exporterSmDel(const Kel::Name& expName);
+   // By value: callers pass the key of the entry that this erases.
+   void exporterSmDel(Kel::Name expName);
 
    const Kel::String ftName_;
    const FtId ftId_;
@@ -145,7 +146,8 @@ class OptionsDataManagerSm : public Kel::PtrInterface {
                       const Kel::Ptr<const HwFlowTracking::FtStatus>& hwFtStatus,
                       const Kel::Ptr<FlowTrackerInfo>& flowTrackerInfo,
                       const Kel::Ptr<OptionsDataContainer>& container);
-   void trackerDel(const Kel::Name& ftName);
+   // By value: callers pass the key of an entry that this erases.
+   void trackerDel(Kel::Name ftName);
 
    const Kel::Ptr<const HwFlowTracking::Config> hwConfig_;
    const Kel::Ptr<const HwFlowTracking::Status> hwStatus_;
