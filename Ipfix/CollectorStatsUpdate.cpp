@@ -1,5 +1,6 @@
 #include "Ipfix/CollectorStatsUpdate.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "Kel/System.h"
@@ -10,11 +11,12 @@ namespace {
 
 enum class MessageKind { optionsData, templates };
 
-void statsUpdateAfterMessage(CollectorStatistics& stats, const CollectorStatisticsKey& key,
-                             MessageKind kind, Kel::U64 octets, std::span<const SetCount> sets) {
+void statsUpdateAfterMessages(CollectorStatistics& stats, const CollectorStatisticsKey& key,
+                              MessageKind kind, Kel::U64 messages, Kel::U64 octets,
+                              std::span<const SetCount> sets) {
    CollectorStatisticsEntry entry = stats.stats(key).value_or(CollectorStatisticsEntry(key));
    const Kel::Seconds now = Kel::System::currentTime();
-   entry.exportedMessageTotalCountIs(entry.exportedMessageTotalCount() + 1);
+   entry.exportedMessageTotalCountIs(entry.exportedMessageTotalCount() + messages);
    entry.exportedOctetTotalCountIs(entry.exportedOctetTotalCount() + octets);
    entry.lastSentTimeIs(now);
    if (kind == MessageKind::optionsData) {
@@ -43,15 +45,37 @@ void statsUpdateAfterMessage(CollectorStatistics& stats, const CollectorStatisti
 void statsUpdateAfterOptionsData(CollectorStatistics& stats, const Kel::String& tracker,
                                  const Kel::String& exporter, const CollectorInfo& collector,
                                  Kel::U64 octets, std::span<const SetCount> recordsPerSet) {
-   statsUpdateAfterMessage(stats, CollectorStatisticsKey(tracker, exporter, collector),
-                           MessageKind::optionsData, octets, recordsPerSet);
+   statsUpdateAfterMessages(stats, CollectorStatisticsKey(tracker, exporter, collector),
+                            MessageKind::optionsData, 1, octets, recordsPerSet);
+}
+
+void OptionsDataTally::messageAdd(Kel::U64 octets, std::span<const SetCount> recordsPerSet) {
+   ++messages_;
+   octets_ += octets;
+   for (const SetCount& set : recordsPerSet) {
+      const auto it = std::find_if(recordsPerSet_.begin(), recordsPerSet_.end(),
+                                   [&](const SetCount& s) { return s.setId == set.setId; });
+      if (it == recordsPerSet_.end()) {
+         recordsPerSet_.push_back(set);
+      } else {
+         it->count += set.count;
+      }
+   }
+}
+
+void statsUpdateAfterOptionsData(CollectorStatistics& stats, const Kel::String& tracker,
+                                 const Kel::String& exporter, const CollectorInfo& collector,
+                                 const OptionsDataTally& tally) {
+   statsUpdateAfterMessages(stats, CollectorStatisticsKey(tracker, exporter, collector),
+                            MessageKind::optionsData, tally.messages(), tally.octets(),
+                            tally.recordsPerSet());
 }
 
 void statsUpdateAfterTemplates(CollectorStatistics& stats, const Kel::String& tracker,
                                const Kel::String& exporter, const CollectorInfo& collector,
                                Kel::U64 octets, std::span<const SetCount> templatesPerSet) {
-   statsUpdateAfterMessage(stats, CollectorStatisticsKey(tracker, exporter, collector),
-                           MessageKind::templates, octets, templatesPerSet);
+   statsUpdateAfterMessages(stats, CollectorStatisticsKey(tracker, exporter, collector),
+                            MessageKind::templates, 1, octets, templatesPerSet);
 }
 
 void statsClear(CollectorStatistics& stats, const Kel::String& tracker,

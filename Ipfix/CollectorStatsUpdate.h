@@ -1,6 +1,7 @@
 #pragma once
 
 #include <span>
+#include <vector>
 
 #include "Ipfix/CollectorStats.h"
 
@@ -23,6 +24,30 @@ struct SetCount {
 void statsUpdateAfterOptionsData(CollectorStatistics& stats, const Kel::String& tracker,
                                  const Kel::String& exporter, const CollectorInfo& collector,
                                  Kel::U64 octets, std::span<const SetCount> recordsPerSet);
+
+// Options-data messages sent to one collector in a row and not yet counted:
+// a full transmission sends the whole cache and then counts it with one
+// update of the entry, as if each message had been counted on its own.
+class OptionsDataTally {
+ public:
+   void messageAdd(Kel::U64 octets, std::span<const SetCount> recordsPerSet);
+   bool empty() const { return messages_ == 0; }
+   Kel::U64 messages() const { return messages_; }
+   Kel::U64 octets() const { return octets_; }
+   // Records per set id, in the order the ids first appeared.
+   const std::vector<SetCount>& recordsPerSet() const { return recordsPerSet_; }
+
+ private:
+   Kel::U64 messages_ = 0;
+   Kel::U64 octets_ = 0;
+   std::vector<SetCount> recordsPerSet_;
+};
+
+// Counts the messages of `tally` as statsUpdateAfterOptionsData would have
+// counted each of them.
+void statsUpdateAfterOptionsData(CollectorStatistics& stats, const Kel::String& tracker,
+                                 const Kel::String& exporter, const CollectorInfo& collector,
+                                 const OptionsDataTally& tally);
 
 // After a template or options-template message: as above, but the record total
 // stays, the templates are added to the template count of set id 2 or 3, and

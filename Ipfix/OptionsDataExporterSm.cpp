@@ -65,14 +65,16 @@ void Collector::sendMessage(const OptionsDataExporterSm& exporter,
                 dst6_.ip, dst6_.port, Nivel::hexDump(*pkt));
       sendPkt6(pkt, _pam, src, dst6_, config.dscp());
    }
-   updateStats(exporter, msgWrap, pkt->bytes());
+   tally_.messageAdd(pkt->bytes(), msgWrap.setRecord);
 }
 
-void Collector::updateStats(const OptionsDataExporterSm& exporter, const MessageWrapper& msgWrap,
-                            Kel::U32 octets) const {
+void Collector::updateStats(const OptionsDataExporterSm& exporter) const {
+   if (tally_.empty()) {
+      return;
+   }
    Vorpa::Ipfix::statsUpdateAfterOptionsData(*exporter.collStats(), exporter.ftName(),
-                                             exporter.expName(), statsCollector(), octets,
-                                             msgWrap.setRecord);
+                                             exporter.expName(), statsCollector(), tally_);
+   tally_ = {};
 }
 
 // ---------------------------------------------------------------------------
@@ -378,6 +380,7 @@ void OptionsDataExporterSm::processCollectorQueue() {
          for (const auto& msgWrap : msgCache_) {
             c->sendMessage(*this, *msgWrap);
          }
+         c->updateStats(*this);
       }
    }
    collectorUpdate_.clear();
@@ -426,9 +429,12 @@ void OptionsDataExporterSm::sendDataTables() {
       return;
    }
    KEL_TRACE(traceIpfix, 3, "{}: msgCache count: {}", traceId_, msgCache_.size());
+   // The statistics entry of each collector is updated once for the whole
+   // cache: on this path, it would otherwise cost more than our own send.
    for (const auto& msgWrap : msgCache_) {
-      sendMessageToCollectors(*msgWrap);
+      transmitToCollectors(*msgWrap);
    }
+   updateCollectorStats();
    processing_ = false;
    // The next period counts from the end of this transmission.
    maybeSchedulePeriodic();
@@ -540,8 +546,21 @@ void OptionsDataExporterSm::sendToFamily(const std::map<Kel::String, Collector>&
 }
 
 void OptionsDataExporterSm::sendMessageToCollectors(const MessageWrapper& msgWrap) {
+   transmitToCollectors(msgWrap);
+   updateCollectorStats();
+}
+
+void OptionsDataExporterSm::transmitToCollectors(const MessageWrapper& msgWrap) const {
    sendToFamily(collector4_, v4Ready(), msgWrap);
    sendToFamily(collector6_, v6Ready(), msgWrap);
+}
+
+void OptionsDataExporterSm::updateCollectorStats() const {
+   for (const auto* family : {&collector4_, &collector6_}) {
+      for (const auto& [name, c] : *family) {
+         c.updateStats(*this);
+      }
+   }
 }
 
 Kel::Ptr<OptionsDataExporterSm> optionsDataExporterSmFactory(

@@ -31,17 +31,17 @@ class Collector {
    Vorpa::Ipfix::CollectorInfo statsCollector() const;
 
    // Stamps this collector's sequence number, advances it by the records of
-   // the message, sends it and counts it.
+   // the message, sends it and adds it to the messages not yet counted.
    void sendMessage(const OptionsDataExporterSm& exporter, const MessageWrapper& msgWrap) const;
+   // Counts the messages sent since the last call in the statistics table.
+   void updateStats(const OptionsDataExporterSm& exporter) const;
 
  private:
-   void updateStats(const OptionsDataExporterSm& exporter, const MessageWrapper& msgWrap,
-                    Kel::U32 octets) const;
-
    Kel::Ptr<CollectorInfo> info_;
    bool isIpv4_;
    Nivel::IpAndPort dst4_;
    Nivel::Ip6AndPort dst6_;
+   mutable Vorpa::Ipfix::OptionsDataTally tally_;
 };
 
 // Sends the options data of one tracker to the collectors of one of its
@@ -121,7 +121,11 @@ class OptionsDataExporterSm : public Kel::Entity {
    void collInfoWatch(const Kel::String& name);
    void msgCacheInvalidate() { msgCacheValid_ = false; }
    void sendDataTables();
+   // Sends one message to every ready collector and counts it.
    void sendMessageToCollectors(const MessageWrapper& msgWrap);
+   // Sends one message to every ready collector, leaving it to be counted.
+   void transmitToCollectors(const MessageWrapper& msgWrap) const;
+   void updateCollectorStats() const;
    Kel::U16 maxMessageSize() const;
    // Sends each collector of one family in `family` the message, when ready.
    void sendToFamily(const std::map<Kel::String, Collector>& family, bool ready,
