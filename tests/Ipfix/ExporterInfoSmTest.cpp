@@ -156,10 +156,12 @@ TEST_F(ExporterTest, ReadinessAndLogsFollowTransitionsOnly) {
          EXPECT_EQ(exp_->exporter6Ready(), step.ready6);
          EXPECT_EQ(exp_->rxPort4(), step.hwRxPort4);
       }
-      if (!logs.lines().empty()) {
-         EXPECT_EQ(logs.lines().front(),
-                   "%FLOWTRACKING-6-EXPORTER_ACTIVE: IPFIX exporter e1 in VRF blue, in Hardware "
-                   "flow tracker t1 is active.");
+      for (const auto& line : logs.lines()) {
+         const bool active = line.find("EXPORTER_ACTIVE") != std::string::npos;
+         EXPECT_EQ(line, active ? "%FLOWTRACKING-6-EXPORTER_ACTIVE: IPFIX exporter e1 in VRF "
+                                  "blue, in Hardware flow tracker t1 is active."
+                                : "%FLOWTRACKING-6-EXPORTER_INACTIVE: IPFIX exporter e1 in VRF "
+                                  "blue, in Hardware flow tracker t1 is inactive.");
       }
       exp_->exporterResolvedIs(false);
       info()->rxPort4Is(0);

@@ -6,6 +6,7 @@
 #include "FlowTracking/Constants.h"
 #include "Ipfix/OptionsDataExporterSm.h"
 #include "support/FixbufReader.h"
+#include "support/ThrownText.h"
 
 namespace {
 
@@ -245,6 +246,17 @@ TEST_F(OptionsDataExportTest, ReaddressedCollectorIsReadmittedWithFullTables) {
    EXPECT_EQ(sorted(movedCollector.records(movedCollector.dataDatagrams())), expectedTable(4));
    EXPECT_TRUE(c4_.dataDatagrams().empty());
    EXPECT_TRUE(c6_.dataDatagrams().empty()) << "only the readdressed collector is sent to";
+}
+
+// The managers create every source before the exporters that read them; a
+// source that comes or goes under a running exporter is a bug.
+TEST_F(OptionsDataExportTest, SourcesAreFixedOnceTheExporterRuns) {
+   fill(1);
+   startExporter();
+   EXPECT_EQ(thrownText([&] { global_->sourceIs("VrfTable", intfSetId + 1); }),
+             "data source changed after init!");
+   EXPECT_EQ(thrownText([&] { global_->sourceDel("InterfaceTable"); }),
+             "data source changed after init!");
 }
 
 TEST_F(OptionsDataExportTest, NoCollectorsStopsThePeriodicTask) {
