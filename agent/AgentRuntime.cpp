@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "ControlProtocol.h"
+#include "ControlRequests.h"
 #include "Kel/Exception.h"
 #include "Kel/Trace.h"
 
@@ -52,6 +54,7 @@ bool AgentRuntime::start() {
    if (!config) {
       return false;
    }
+   controlChannelIs(config->statisticsTable);
    init_ = Ipfix::ipfixInitSmFactory();
    stats_ = Vorpa::Ipfix::collectorStatisticsFactory(config->statisticsTable);
    writer_ = std::make_unique<ModelWriter>(init_->elementIdCollection(), interfaces_, vrfs_);
@@ -76,6 +79,22 @@ bool AgentRuntime::start() {
    KEL_TRACE(traceAgent, 3, "Started with {} on table {}", options_.configPath,
              config->statisticsTable);
    return true;
+}
+
+// The control socket comes before the statistics table, so that a second
+// agent started on the same table stops before it replaces the first one's
+// table. A table name that cannot name a socket (the command line accepts
+// more than the file) leaves the agent without one, and says so.
+void AgentRuntime::controlChannelIs(const Kel::Name& statisticsTable) {
+   Kel::String error;
+   const auto path = Control::socketPath(statisticsTable, &error);
+   if (!path) {
+      std::fprintf(stderr, "ipfix-agent: no control socket: %s\n", error.c_str());
+      return;
+   }
+   control_ = std::make_unique<ControlChannel>(scheduler_, *path, [this](std::string_view request) {
+      return answerControlRequest(request, writer_->config(), *configReq_);
+   });
 }
 
 // Creates the library of each type the configuration uses, in the start order
@@ -134,8 +153,10 @@ void AgentRuntime::reload() {
 
 // Removing the whole configuration takes the library down as a switch would:
 // machines before records, sockets closed, the removed collectors' statistics
-// deleted. The libraries go afterwards.
+// deleted. The libraries go afterwards. The control socket goes first, so no
+// request arrives during the teardown and the socket file is removed.
 void AgentRuntime::shutdown() {
+   control_.reset();
    AgentConfig empty;
    empty.statisticsTable = writer_->config().statisticsTable;
    writer_->configIs(empty);

@@ -6,6 +6,7 @@
 
 #include "Bexa/TaskScheduler.h"
 #include "ConfigLoader.h"
+#include "ControlChannel.h"
 #include "FlowTracking/ConfigReq.h"
 #include "FlowTracking/IntfIndexMap.h"
 #include "Ipfix/CollectorStats.h"
@@ -20,7 +21,8 @@ namespace Agent {
 // The stand-alone agent: the model written from the configuration file, the
 // library built over it in its start order, and the event loop that runs it.
 // SIGHUP re-reads the file and applies the difference; SIGTERM and SIGINT
-// take everything down in order and end the loop.
+// take everything down in order and end the loop. Operators' requests (a
+// counter clear) arrive on the control socket of the statistics table.
 class AgentRuntime {
  public:
    struct Options {
@@ -34,8 +36,10 @@ class AgentRuntime {
    AgentRuntime(const AgentRuntime&) = delete;
    AgentRuntime& operator=(const AgentRuntime&) = delete;
 
-   // Loads and applies the file and builds the library. On a bad file prints
-   // every error and returns false, having built nothing.
+   // Loads and applies the file, opens the control socket and builds the
+   // library. On a bad file prints every error and returns false, having
+   // built nothing. Throws Kel::Exception when the control socket belongs to
+   // another running agent, before the statistics table is touched.
    bool start();
    // Runs the loop until a stop signal, then tears down. Returns the exit code.
    int run();
@@ -54,6 +58,7 @@ class AgentRuntime {
 
    std::optional<AgentConfig> loadConfig() const;
    void librariesIs(const AgentConfig& config);
+   void controlChannelIs(const Kel::Name& statisticsTable);
    void handleSignal();
    void reload();
    void shutdown();
@@ -69,6 +74,8 @@ class AgentRuntime {
    std::map<FlowTracking::FlowTrackingType, TypeLibrary> libraries_;
    int signalFd_ = -1;
    std::unique_ptr<Bexa::Task> signalTask_;
+   // Last, so that it goes first: its requests use everything above.
+   std::unique_ptr<ControlChannel> control_;
 };
 
 }  // namespace Agent

@@ -8,11 +8,13 @@ namespace IpfixStats {
 // tell them apart.
 enum ExitCode : int {
    exitOk = 0,
-   exitFailure = 1,  // a system error: permissions, memory
+   exitFailure = 1,  // a system error: permissions, memory; clear: the agent did not answer
    exitUsage = 2,    // bad command line or table name
    exitMissing = 3,  // no such table
    exitOtherLayout = 4,
    exitCorrupt = 5,
+   exitNoAgent = 6,  // clear: no agent serves the table
+   exitRefused = 7,  // clear: the agent refused the request (a tracker or exporter it lacks)
 };
 
 inline ExitCode exitCodeFor(Vorpa::MountProblem problem) {

@@ -1,5 +1,6 @@
 // ipfix-stats: prints the collector statistics that the flow-tracking agent
-// keeps in shared memory, once or after every change.
+// keeps in shared memory, once or after every change; `ipfix-stats clear`
+// asks the agent to clear them.
 
 #include <signal.h>
 
@@ -7,6 +8,7 @@
 #include <csignal>
 #include <iostream>
 
+#include "ClearCommand.h"
 #include "ExitCode.h"
 #include "Kel/System.h"
 #include "StatsSnapshot.h"
@@ -35,6 +37,7 @@ struct Options {
    std::string table{Vorpa::Ipfix::defaultCollectorStatisticsTableName};
    bool json = false;
    bool watch = false;
+   Agent::Control::ClearRequest clear;
 };
 
 void print(const IpfixStats::Snapshot& snapshot, const Options& options) {
@@ -81,13 +84,39 @@ int main(int argc, char** argv) {
    app.add_flag("--json", options.json, "Print JSON instead of text");
    app.add_flag("--watch", options.watch,
                 "Print again after every change of the table, until interrupted");
+   // `clear` reads --table too, before or after it.
+   app.fallthrough();
+   CLI::App* clear = app.add_subcommand(
+       "clear",
+       "Ask the running ipfix-agent that writes the table to clear the counters of a tracker, "
+       "of one exporter of it, or of everything");
+   CLI::Option* tracker =
+       clear->add_option("--tracker", options.clear.tracker, "Clear only this flow tracker");
+   CLI::Option* exporter =
+       clear->add_option("--exporter", options.clear.exporter,
+                         "Clear only this exporter of the tracker (needs --tracker)");
    app.footer(
-       "Exit status: 0 success, 1 system error, 2 bad usage or table name, 3 no such table, "
-       "4 table of another layout or version, 5 corrupt table.");
+       "Exit status: 0 success, 1 system error (clear: the agent did not answer), 2 bad usage or "
+       "table name, 3 no such table, 4 table of another layout or version, 5 corrupt table, "
+       "6 clear: no agent running for the table, 7 clear: the agent refused the request (a tracker "
+       "or exporter it does not have).");
    try {
       app.parse(argc, argv);
    } catch (const CLI::ParseError& e) {
       return app.exit(e) == 0 ? IpfixStats::exitOk : IpfixStats::exitUsage;
+   }
+   if (clear->parsed()) {
+      for (const CLI::Option* o : {tracker, exporter}) {
+         if (o->count() > 0 && o->as<std::string>().empty()) {
+            std::cerr << "ipfix-stats: " << o->get_name() << " must not be empty\n";
+            return IpfixStats::exitUsage;
+         }
+      }
+      if (options.json || options.watch) {
+         std::cerr << "ipfix-stats: --json and --watch do not go with clear\n";
+         return IpfixStats::exitUsage;
+      }
+      return IpfixStats::clearCounters(options.table, options.clear);
    }
    try {
       return run(options);

@@ -1,0 +1,174 @@
+#include "ControlChannel.h"
+
+#include <fmt/format.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "ControlProtocol.h"
+#include "Kel/Exception.h"
+#include "Kel/Trace.h"
+
+namespace Agent {
+
+namespace {
+
+Kel::TraceHandle traceAgent("Agent");
+
+// After the signal task: a stop request goes first.
+constexpr Bexa::TaskPriority controlTaskPriority{2};
+
+// Datagrams read per turn of the loop; more wake the task again on the next
+// turn, so a flood of requests cannot hold the loop.
+constexpr int maxRequestsPerTurn = 16;
+
+sockaddr_un socketAddress(const Kel::String& path) {
+   sockaddr_un addr{};
+   addr.sun_family = AF_UNIX;
+   if (path.empty() || path.size() >= sizeof addr.sun_path) {
+      throw Kel::Exception("control socket path '" + path + "' is empty or too long");
+   }
+   std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
+   return addr;
+}
+
+// RAII for a descriptor opened here.
+class Fd {
+ public:
+   explicit Fd(int fd) : fd_(fd) {}
+   ~Fd() {
+      if (fd_ >= 0) {
+         ::close(fd_);
+      }
+   }
+   Fd(const Fd&) = delete;
+   Fd& operator=(const Fd&) = delete;
+   int get() const { return fd_; }
+   int release() { return std::exchange(fd_, -1); }
+
+ private:
+   int fd_;
+};
+
+}  // namespace
+
+ControlChannel::ControlChannel(Kel::Ptr<Bexa::TaskSchedulerRoot> scheduler, Kel::String path,
+                               Handler handler)
+    : scheduler_(std::move(scheduler)), path_(std::move(path)), handler_(std::move(handler)) {
+   KEL_ASSERT(scheduler_ && handler_);
+   Fd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+   if (fd.get() < 0) {
+      throw Kel::ErrnoException(errno, "control socket");
+   }
+   fd_ = fd.get();
+   removeStaleSocket();
+   bindSocket();
+   fd.release();
+   task_ = std::make_unique<Bexa::Task>(scheduler_, "AgentControl", controlTaskPriority,
+                                        [this] { handleReadable(); });
+   scheduler_->fdWatchIs(fd_, task_.get());
+   KEL_TRACE(traceAgent, 3, "Control socket {}", path_);
+}
+
+ControlChannel::~ControlChannel() {
+   scheduler_->fdWatchDel(fd_);
+   task_.reset();
+   ::close(fd_);
+   struct stat st {};
+   if (::stat(path_.c_str(), &st) == 0 && st.st_dev == fileDevice_ && st.st_ino == fileInode_) {
+      ::unlink(path_.c_str());
+   }
+}
+
+// A socket file nobody reads is what an agent that died leaves behind; one
+// that accepts a connection belongs to a running agent, which keeps it.
+void ControlChannel::removeStaleSocket() const {
+   struct stat st {};
+   if (::lstat(path_.c_str(), &st) != 0) {
+      if (errno == ENOENT) {
+         return;
+      }
+      throw Kel::ErrnoException(errno, "control socket " + path_);
+   }
+   if (!S_ISSOCK(st.st_mode)) {
+      throw Kel::Exception("control socket " + path_ + ": the path exists and is not a socket");
+   }
+   const sockaddr_un addr = socketAddress(path_);
+   Fd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+   if (probe.get() < 0) {
+      throw Kel::ErrnoException(errno, "control socket");
+   }
+   if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) {
+      throw Kel::Exception("control socket " + path_ +
+                           " is in use: another ipfix-agent serves this statistics table");
+   }
+   if (errno != ECONNREFUSED) {
+      throw Kel::ErrnoException(errno, "control socket " + path_);
+   }
+   if (::unlink(path_.c_str()) != 0 && errno != ENOENT) {
+      throw Kel::ErrnoException(errno, "remove stale control socket " + path_);
+   }
+   KEL_TRACE(traceAgent, 3, "Replaced the stale control socket {}", path_);
+}
+
+void ControlChannel::bindSocket() {
+   const sockaddr_un addr = socketAddress(path_);
+   // The file gets the owner's permissions only, from its creation on.
+   const mode_t previousMask = ::umask(0077);
+   const int rc = ::bind(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
+   const int bindErrno = errno;
+   ::umask(previousMask);
+   if (rc != 0) {
+      throw Kel::ErrnoException(bindErrno, "bind control socket " + path_);
+   }
+   struct stat st {};
+   if (::stat(path_.c_str(), &st) == 0) {
+      fileDevice_ = st.st_dev;
+      fileInode_ = st.st_ino;
+   }
+}
+
+void ControlChannel::handleReadable() {
+   for (int i = 0; i < maxRequestsPerTurn; ++i) {
+      char buffer[Control::maxMessageLength];
+      sockaddr_un from{};
+      socklen_t fromLength = sizeof from;
+      // MSG_TRUNC makes the call return the datagram's real length.
+      const ssize_t n = ::recvfrom(fd_, buffer, sizeof buffer, MSG_DONTWAIT | MSG_TRUNC,
+                                   reinterpret_cast<sockaddr*>(&from), &fromLength);
+      if (n < 0) {
+         if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+            KEL_TRACE(traceAgent, 1, "Control socket read: {}", std::strerror(errno));
+         }
+         return;
+      }
+      // A request the sender cannot be told the outcome of is not done:
+      // a sender without an address of its own cannot be answered.
+      if (fromLength <= sizeof(sa_family_t)) {
+         KEL_TRACE(traceAgent, 1, "Control request from an unbound socket, ignored");
+         continue;
+      }
+      Kel::String reply;
+      if (static_cast<std::size_t>(n) > sizeof buffer) {
+         reply = Control::errorReply(
+             fmt::format("request longer than {} octets", Control::maxMessageLength));
+      } else {
+         try {
+            reply = handler_(std::string_view(buffer, static_cast<std::size_t>(n)));
+         } catch (const Kel::Exception& e) {
+            reply = Control::errorReply(e.what());
+         }
+      }
+      if (::sendto(fd_, reply.data(), reply.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                   reinterpret_cast<const sockaddr*>(&from), fromLength) < 0) {
+         KEL_TRACE(traceAgent, 1, "Control reply not sent: {}", std::strerror(errno));
+      }
+   }
+}
+
+}  // namespace Agent

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <memory>
+#include <string_view>
+
+#include "Bexa/TaskScheduler.h"
+#include "Kel/Types.h"
+
+namespace Agent {
+
+// The agent's control socket: a Unix datagram socket at a path of the file
+// system, watched by the event loop. Each datagram is one request; the
+// handler's answer goes back to the sender's address as one datagram; a
+// request from a sender without an address is dropped undone.
+// Nothing here blocks: requests are read and replies sent without waiting,
+// and a reply the sender is not ready for is dropped.
+//
+// The socket file is created for the owner only (like the statistics table's
+// segment), replaces a stale one that no process serves, and is removed when
+// the channel goes, as long as it is still the one this channel created.
+class ControlChannel {
+ public:
+   using Handler = std::function<Kel::String(std::string_view request)>;
+
+   // Throws Kel::Exception when another process serves `path` or the path is
+   // taken by something other than a socket, Kel::ErrnoException when the
+   // socket cannot be made.
+   ControlChannel(Kel::Ptr<Bexa::TaskSchedulerRoot> scheduler, Kel::String path, Handler handler);
+   ~ControlChannel();
+   ControlChannel(const ControlChannel&) = delete;
+   ControlChannel& operator=(const ControlChannel&) = delete;
+
+   const Kel::String& path() const { return path_; }
+
+ private:
+   void removeStaleSocket() const;
+   void bindSocket();
+   void handleReadable();
+
+   Kel::Ptr<Bexa::TaskSchedulerRoot> scheduler_;
+   Kel::String path_;
+   Handler handler_;
+   int fd_ = -1;
+   // The socket file as bound, so that only that file is removed at the end.
+   dev_t fileDevice_ = 0;
+   ino_t fileInode_ = 0;
+   std::unique_ptr<Bexa::Task> task_;
+};
+
+}  // namespace Agent
