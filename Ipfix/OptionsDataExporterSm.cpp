@@ -304,27 +304,31 @@ void OptionsDataExporterSm::handleCollectorOfFamily(const Kel::String& name, boo
    const auto existing = family.find(name);
    if (!(isSet(dst) && info && info->optTemplateSent())) {
       if (existing != family.end()) {
-         collector_.erase(name);
-         family.erase(existing);
+         collectorDel(family, existing);
          // The last collector gone ends the periodic transmission now.
          maybeSchedulePeriodic();
       }
       return;
    }
    if (existing != family.end()) {
-      if (existing->second.info() == info && existing->second.hasDestination(dst)) {
+      if (existing->second->info() == info && existing->second->hasDestination(dst)) {
          return;
       }
       KEL_TRACE(traceIpfix, 3, "{}: stale {} collector {}", traceId_, ipv4 ? "v4" : "v6", name);
-      collector_.erase(name);
-      family.erase(existing);
+      collectorDel(family, existing);
    }
-   if (other.erase(name) > 0) {
-      collector_.erase(name);
+   if (const auto elsewhere = other.find(name); elsewhere != other.end()) {
+      collectorDel(other, elsewhere);
    }
-   const auto [inserted, ok] = family.emplace(name, Collector(info, dst));
-   collector_[name] = &inserted->second;
+   const auto [inserted, ok] = family.emplace(name, Kel::makePtr<Collector>(info, dst));
+   collector_[name] = inserted->second.ptr();
    handleCollector(name);
+}
+
+void OptionsDataExporterSm::collectorDel(CollectorMap& family, CollectorMap::iterator it) {
+   it->second->retire();
+   collector_.erase(it->first);
+   family.erase(it);
 }
 
 void OptionsDataExporterSm::handleCollector4(const Kel::String& name) {
@@ -368,22 +372,30 @@ void OptionsDataExporterSm::processCollectorQueue() {
    if (!initialized_) {
       return;
    }
-   for (const Kel::String& name : collectorUpdate_) {
+   // Names queued while this sends (a collector readdressed by then) wait for
+   // the next run.
+   const std::set<Kel::String> queued = std::exchange(collectorUpdate_, {});
+   for (const Kel::String& name : queued) {
       const auto it4 = collector4_.find(name);
       const auto it6 = collector6_.find(name);
-      const Collector* c = it4 != collector4_.end()   ? &it4->second
-                           : it6 != collector6_.end() ? &it6->second
-                                                      : nullptr;
+      const Kel::Ptr<Collector> c = it4 != collector4_.end()   ? it4->second
+                                    : it6 != collector6_.end() ? it6->second
+                                                               : nullptr;
       KEL_TRACE(traceIpfix, 3, "{}: name: {}, exists: {}", traceId_, name, c != nullptr);
-      if (c && (c->isIpv4() ? v4Ready() : v6Ready())) {
-         maybeBuildMsgCache();
-         for (const auto& msgWrap : msgCache_) {
-            c->sendMessage(*this, *msgWrap);
+      if (!c || !familyReady(*c)) {
+         continue;
+      }
+      maybeBuildMsgCache();
+      for (const auto& msgWrap : msgCache_) {
+         if (!c->active() || !familyReady(*c)) {
+            break;
          }
+         c->sendMessage(*this, *msgWrap);
+      }
+      if (c->active()) {
          c->updateStats(*this);
       }
    }
-   collectorUpdate_.clear();
    maybeSchedulePeriodic();
 }
 
@@ -536,11 +548,16 @@ void OptionsDataExporterSm::abortUpdates() {
    updateQueueBytes_ = 0;
 }
 
-void OptionsDataExporterSm::sendToFamily(const std::map<Kel::String, Collector>& family, bool ready,
+void OptionsDataExporterSm::sendToFamily(const CollectorMap& family,
                                          const MessageWrapper& msgWrap) const {
-   if (ready) {
-      for (const auto& [name, c] : family) {
-         c.sendMessage(*this, msgWrap);
+   std::vector<Kel::Ptr<Collector>> targets;
+   targets.reserve(family.size());
+   for (const auto& [name, c] : family) {
+      targets.push_back(c);
+   }
+   for (const auto& c : targets) {
+      if (c->active() && familyReady(*c)) {
+         c->sendMessage(*this, msgWrap);
       }
    }
 }
@@ -551,14 +568,14 @@ void OptionsDataExporterSm::sendMessageToCollectors(const MessageWrapper& msgWra
 }
 
 void OptionsDataExporterSm::transmitToCollectors(const MessageWrapper& msgWrap) const {
-   sendToFamily(collector4_, v4Ready(), msgWrap);
-   sendToFamily(collector6_, v6Ready(), msgWrap);
+   sendToFamily(collector4_, msgWrap);
+   sendToFamily(collector6_, msgWrap);
 }
 
 void OptionsDataExporterSm::updateCollectorStats() const {
    for (const auto* family : {&collector4_, &collector6_}) {
       for (const auto& [name, c] : *family) {
-         c.updateStats(*this);
+         c->updateStats(*this);
       }
    }
 }

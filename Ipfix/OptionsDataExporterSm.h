@@ -16,8 +16,10 @@ namespace FlowTracking {
 class OptionsDataExporterSm;
 
 // One collector that has its options templates and so may be sent options
-// data; it numbers the records it is sent on its own.
-class Collector {
+// data; it numbers the records it is sent on its own. Send loops hold it by a
+// counted pointer: a change of configuration made while they send (a removal,
+// a new address) retires it, and they skip it from then on.
+class Collector : public Kel::PtrInterface {
  public:
    Collector(Kel::Ptr<CollectorInfo> info, const Nivel::IpAndPort& dst4);
    Collector(Kel::Ptr<CollectorInfo> info, const Nivel::Ip6AndPort& dst6);
@@ -29,6 +31,9 @@ class Collector {
    bool hasDestination(const Nivel::IpAndPort& d) const { return isIpv4_ && dst4_ == d; }
    bool hasDestination(const Nivel::Ip6AndPort& d) const { return !isIpv4_ && dst6_ == d; }
    Vorpa::Ipfix::CollectorInfo statsCollector() const;
+   // False once the exporter dropped or replaced it.
+   bool active() const { return active_; }
+   void retire() { active_ = false; }
 
    // Stamps this collector's sequence number, advances it by the records of
    // the message, sends it and adds it to the messages not yet counted.
@@ -42,7 +47,10 @@ class Collector {
    Nivel::IpAndPort dst4_;
    Nivel::Ip6AndPort dst6_;
    mutable Vorpa::Ipfix::OptionsDataTally tally_;
+   bool active_ = true;
 };
+
+using CollectorMap = std::map<Kel::String, Kel::Ptr<Collector>>;
 
 // Sends the options data of one tracker to the collectors of one of its
 // exporters: the full tables every active interval and to each newly ready
@@ -128,8 +136,9 @@ class OptionsDataExporterSm : public Kel::Entity {
    void updateCollectorStats() const;
    Kel::U16 maxMessageSize() const;
    // Sends each collector of one family in `family` the message, when ready.
-   void sendToFamily(const std::map<Kel::String, Collector>& family, bool ready,
-                     const MessageWrapper& msgWrap) const;
+   void sendToFamily(const CollectorMap& family, const MessageWrapper& msgWrap) const;
+   bool familyReady(const Collector& c) const { return c.isIpv4() ? v4Ready() : v6Ready(); }
+   void collectorDel(CollectorMap& family, CollectorMap::iterator it);
    template <class Dst>
    void handleCollectorOfFamily(const Kel::String& name, bool ipv4,
                                 const std::map<Kel::String, Dst>& configured);
@@ -155,8 +164,8 @@ class OptionsDataExporterSm : public Kel::Entity {
    std::map<TemplateId, UpdateSetQueue> update_;
    std::vector<Kel::Ptr<MessageWrapper>> msgCache_;
    BuilderWrapper builder_;
-   std::map<Kel::String, Collector> collector4_;
-   std::map<Kel::String, Collector> collector6_;
+   CollectorMap collector4_;
+   CollectorMap collector6_;
    std::map<Kel::String, const Collector*> collector_;
    std::set<Kel::String> collectorUpdate_;
 

@@ -136,44 +136,47 @@ Kel::String UdpPam::destinationString() const {
 }
 
 bool UdpPam::tx(const Pkt& pkt) {
+   // The datagram is addressed before the fault hook runs: whatever the hook
+   // does to this socket's settings (a test's hook may change configuration,
+   // which sends on this socket) applies to later datagrams, not this one.
+   sockaddr_storage dst{};
+   socklen_t dstLen = 0;
+   alignas(cmsghdr) char control[controlSpace] = {};
+   iovec iov{const_cast<Kel::U8*>(pkt.data()), pkt.bytes()};
+   msghdr msg{};
+   msg.msg_name = &dst;
+   msg.msg_iov = &iov;
+   msg.msg_iovlen = 1;
+   msg.msg_control = control;
+   const int tos = txTos_;
+   if (ipv6En_) {
+      auto* sin6 = reinterpret_cast<sockaddr_in6*>(&dst);
+      sin6->sin6_family = AF_INET6;
+      sin6->sin6_addr = txDstIp6Addr_.in6Addr();
+      sin6->sin6_port = htons(txPort_);
+      dstLen = sizeof *sin6;
+      if (!txSrcIp6Addr_.isUnspecified()) {
+         in6_pktinfo info{};
+         info.ipi6_addr = txSrcIp6Addr_.in6Addr();
+         addControl(msg, IPPROTO_IPV6, IPV6_PKTINFO, info);
+      }
+      addControl(msg, IPPROTO_IPV6, IPV6_TCLASS, tos);
+   } else {
+      auto* sin = reinterpret_cast<sockaddr_in*>(&dst);
+      sin->sin_family = AF_INET;
+      sin->sin_addr = txDstIpAddr_.inAddr();
+      sin->sin_port = htons(txPort_);
+      dstLen = sizeof *sin;
+      if (!txSrcIpAddr_.isUnspecified()) {
+         in_pktinfo info{};
+         info.ipi_spec_dst = txSrcIpAddr_.inAddr();
+         addControl(msg, IPPROTO_IP, IP_PKTINFO, info);
+      }
+      addControl(msg, IPPROTO_IP, IP_TOS, tos);
+   }
+   msg.msg_namelen = dstLen;
    int err = fd_ < 0 ? EBADF : injected(faults().tx, *this);
    if (err == 0) {
-      sockaddr_storage dst{};
-      socklen_t dstLen = 0;
-      alignas(cmsghdr) char control[controlSpace] = {};
-      iovec iov{const_cast<Kel::U8*>(pkt.data()), pkt.bytes()};
-      msghdr msg{};
-      msg.msg_name = &dst;
-      msg.msg_iov = &iov;
-      msg.msg_iovlen = 1;
-      msg.msg_control = control;
-      const int tos = txTos_;
-      if (ipv6En_) {
-         auto* sin6 = reinterpret_cast<sockaddr_in6*>(&dst);
-         sin6->sin6_family = AF_INET6;
-         sin6->sin6_addr = txDstIp6Addr_.in6Addr();
-         sin6->sin6_port = htons(txPort_);
-         dstLen = sizeof *sin6;
-         if (!txSrcIp6Addr_.isUnspecified()) {
-            in6_pktinfo info{};
-            info.ipi6_addr = txSrcIp6Addr_.in6Addr();
-            addControl(msg, IPPROTO_IPV6, IPV6_PKTINFO, info);
-         }
-         addControl(msg, IPPROTO_IPV6, IPV6_TCLASS, tos);
-      } else {
-         auto* sin = reinterpret_cast<sockaddr_in*>(&dst);
-         sin->sin_family = AF_INET;
-         sin->sin_addr = txDstIpAddr_.inAddr();
-         sin->sin_port = htons(txPort_);
-         dstLen = sizeof *sin;
-         if (!txSrcIpAddr_.isUnspecified()) {
-            in_pktinfo info{};
-            info.ipi_spec_dst = txSrcIpAddr_.inAddr();
-            addControl(msg, IPPROTO_IP, IP_PKTINFO, info);
-         }
-         addControl(msg, IPPROTO_IP, IP_TOS, tos);
-      }
-      msg.msg_namelen = dstLen;
       if (::sendmsg(fd_, &msg, 0) >= 0) {
          ++txPkts_;
          txBytes_ += pkt.bytes();

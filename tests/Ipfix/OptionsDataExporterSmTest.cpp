@@ -281,9 +281,74 @@ TEST_F(OptionsDataExportTest, FailingCollectorDoesNotStopTheOthers) {
    EXPECT_TRUE(c4_.dataDatagrams().empty());
    EXPECT_EQ(sorted(c6_.records(c6_.dataDatagrams())), expectedTable(5));
    EXPECT_EQ(exporter_->collector().size(), 2u) << "the exporter keeps its state";
+   const auto& pam4 = exporterInfo("t1", "e1")->udpPam4();
+   EXPECT_GT(pam4->txErrors(), 0u);
+   EXPECT_EQ(pam4->lastTxErrno(), EPERM) << "the failures are counted on the socket";
    Nivel::UdpPam::faultsIs({});
    sched_->runFor(300);
    EXPECT_EQ(sorted(c4_.records(c4_.dataDatagrams())), expectedTable(5));
+}
+
+// A full statistics table refuses new entries; sending goes on regardless.
+TEST_F(OptionsDataExportTest, FullStatisticsTableCostsOnlyTheCounts) {
+   stats_ = Kel::makeActive<Vorpa::Ipfix::CollectorStatistics>(
+       "full", Vorpa::Ipfix::CollectorStatisticsTable::createAnonymous("full", 1));
+   fill(50);
+   startExporter();
+   sched_->runFor(0);
+   EXPECT_EQ(sorted(c4_.records(c4_.dataDatagrams())), expectedTable(50));
+   EXPECT_EQ(sorted(c6_.records(c6_.dataDatagrams())), expectedTable(50));
+   EXPECT_EQ(stats_->statsControl().size(), 1u);
+   EXPECT_GT(stats_->statsControl().insertRefusedCount(), 0u);
+}
+
+// The configuration changes from inside a send, halfway through the full
+// tables: the transmission goes on for the others, and the changed collector
+// gets what its new state calls for.
+TEST_F(OptionsDataExportTest, CollectorChangedInTheMiddleOfATransmission) {
+   struct Case {
+      const char* name;
+      bool readdress;
+   };
+   for (const Case& c : {Case{"removed", false}, Case{"readdressed", true}}) {
+      SCOPED_TRACE(c.name);
+      auto& moved = receiver(false);
+      DecodingCollector movedCollector(moved);
+      exp_->collectorIpAndPortIs("c4", rx4_.ipAndPort());
+      fill(300);
+      int sendsToC4 = 0;
+      const auto c4Port = rx4_.port();
+      Nivel::UdpPam::faultsIs({.open = {}, .tx = [&](const Nivel::UdpPam& p) {
+                                  // Two template messages, then the options data.
+                                  if (p.txPort() == c4Port && ++sendsToC4 == 4) {
+                                     if (c.readdress) {
+                                        exp_->collectorIpAndPortIs("c4", moved.ipAndPort());
+                                     } else {
+                                        exp_->collectorIpAndPortDel("c4");
+                                     }
+                                  }
+                                  return 0;
+                               }});
+      startExporter();
+      sched_->runFor(1.0);
+      Nivel::UdpPam::faultsIs({});
+      EXPECT_EQ(sorted(c6_.records(c6_.dataDatagrams())), expectedTable(300));
+      const auto partial = c4_.records(c4_.dataDatagrams());
+      EXPECT_GT(partial.size(), 0u);
+      EXPECT_LT(partial.size(), 300u) << "c4 changed in the middle";
+      if (c.readdress) {
+         const auto got = movedCollector.records(movedCollector.dataDatagrams());
+         EXPECT_EQ(got.size(), 300u);
+         EXPECT_EQ(sorted(got), expectedTable(300));
+         EXPECT_EQ(exporter_->collector().size(), 2u);
+      } else {
+         EXPECT_TRUE(movedCollector.dataDatagrams().empty());
+         EXPECT_EQ(exporter_->collector().size(), 1u);
+      }
+      exporter_ = nullptr;
+      templateSm_ = nullptr;
+      source_->dataRecordDelAll();
+   }
 }
 
 }  // namespace
