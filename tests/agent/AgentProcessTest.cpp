@@ -182,6 +182,13 @@ TEST(AgentProcess, ExportsReloadsAndStopsCleanly) {
    // A bad file is refused and changes nothing.
    writeFile(path, "flow-tracking: [\n");
    agent.signal(SIGHUP);
+   // Signals of one kind do not queue: the next reload waits until the agent
+   // has refused this file.
+   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+   while (agent.stderrText().find("not applied") == std::string::npos &&
+          std::chrono::steady_clock::now() < deadline) {
+      usleep(10000);
+   }
    TestSupport::UdpReceiver rx3(false);
    writeFile(path, config({{"c1", rx1.port()}, {"c2", c2.receiver().port()}, {"c3", rx3.port()}}));
    agent.signal(SIGHUP);  // the agent still runs and applies a good file
