@@ -336,13 +336,18 @@ void ChurnSoak::drain(Receiver& r, bool ipv6) {
          }
       }
    }
-   for (auto& [port, stream] : r.streams) {
-      const auto it = owners.find(port);
-      if (it == owners.end() || it->second != stream.owner) {
-         stream.owner = it == owners.end() ? Kel::Ptr<FlowTracking::CollectorInfo>() : it->second;
-         stream.expectedSeq.reset();
-         stream.records = 0;
+   // A stream whose collector is gone or moved starts afresh; one that no
+   // collector owns now is dropped, with the templates its decoder learnt.
+   for (auto it = r.streams.begin(); it != r.streams.end();) {
+      const auto owner = owners.find(it->first);
+      if (owner == owners.end()) {
+         it = r.streams.erase(it);
+         continue;
       }
+      if (owner->second != it->second.owner) {
+         it->second = Receiver::Stream{};
+      }
+      ++it;
    }
    while (auto d = r.rx.receive()) {
       Receiver::Stream& s = r.streams[d->sourcePort];
