@@ -316,6 +316,18 @@ void ChurnSoak::step(const AgentConfig& next) {
    for (auto& r : v6_) {
       drain(*r, true);
    }
+   // Tracker ids are never reused: what receivers hold for a removed one is
+   // dropped, so that a long run's memory tells about the library alone.
+   std::set<Kel::U32> domains;
+   for (const auto& [name, t] : config_.tracking[hardware].trackers) {
+      domains.insert(t.id);
+   }
+   for (auto* family : {&v4_, &v6_}) {
+      for (auto& r : *family) {
+         std::erase_if(r->tables, [&](const auto& e) { return !domains.contains(e.first); });
+         std::erase_if(r->dataTemplates, [&](const auto& e) { return !domains.contains(e.first); });
+      }
+   }
 }
 
 // Decodes what a receiver got and checks each stream's sequence numbers: a
