@@ -550,15 +550,14 @@ void OptionsDataExporterSm::abortUpdates() {
 
 void OptionsDataExporterSm::sendToFamily(const CollectorMap& family,
                                          const MessageWrapper& msgWrap) const {
-   std::vector<Kel::Ptr<Collector>> targets;
-   targets.reserve(family.size());
-   for (const auto& [name, c] : family) {
-      targets.push_back(c);
-   }
-   for (const auto& c : targets) {
-      if (c->active() && familyReady(*c)) {
+   // A send may change the family (configuration changed meanwhile): hold the
+   // collector, and find the next one by its name, which its record keeps.
+   for (auto it = family.begin(); it != family.end();) {
+      const Kel::Ptr<Collector> c = it->second;
+      if (familyReady(*c)) {
          c->sendMessage(*this, msgWrap);
       }
+      it = family.upper_bound(c->info()->name());
    }
 }
 
