@@ -1,0 +1,366 @@
+// scale: the whole library at switch scale, with real sockets to collectors
+// that drain in another process. It builds trackers x exporters x collectors,
+// interfaces, VRFs and flow groups, runs the library in its start order, and
+// reports in one run:
+//   (a) time and CPU until every collector has every table,
+//   (b) CPU per periodic full transmission and per packet,
+//   (c) the rate of interface changes absorbed, and the messages that makes,
+//   (d) resident memory,
+//   (e) the bare cost of sendmsg and sendmmsg of such datagrams,
+// with the ratios the send path is judged by. --smoke runs a small scenario
+// and exits 0 only when every collector got every table.
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+#include <random>
+#include <vector>
+
+#include "FlowTracking/Constants.h"
+#include "Ipfix/FlowTrackerTemplateSm.h"
+#include "Ipfix/IpfixSm.h"
+#include "Ipfix/OptionsDataManagerSm.h"
+#include "Nivel/NetOrder.h"
+#include "ReceiverProcess.h"
+
+namespace {
+
+struct Params {
+   int trackers = 16;
+   int exporters = 4;
+   int collectors = 8;
+   int interfaces = 50000;
+   int vrfs = 2000;
+   int flowGroups = 8;
+   double changeSeconds = 3.0;
+   double timeoutSeconds = 240.0;
+};
+
+double cpuSeconds() {
+   rusage u{};
+   getrusage(RUSAGE_SELF, &u);
+   return double(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
+          double(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
+double wallSeconds() {
+   return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+       .count();
+}
+
+double residentMiB() {
+   long pages = 0;
+   long resident = 0;
+   if (FILE* f = std::fopen("/proc/self/statm", "r")) {
+      if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2) {
+         resident = 0;
+      }
+      std::fclose(f);
+   }
+   return double(resident) * double(sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
+}
+
+// The library of one flow-tracking type over a model of the given size.
+class Scenario {
+ public:
+   Scenario(const Params& p, const Scale::Receivers& receivers) : p_(p) {
+      status_->sampleRateIs(1024);
+      for (int i = 0; i < p.interfaces; ++i) {
+         intfs_->intfIndexIs(fmt::format("Ethernet{}/{}", i / 48 + 1, i % 48 + 1), Kel::U32(i + 1));
+      }
+      for (int v = 0; v < p.vrfs; ++v) {
+         vrfTable_.entryIs(Kel::U32(v + 1), Vrf::VrfIdMap::VrfName(fmt::format("vrf-{}", v)));
+      }
+      vrfStatus_->sync();
+      using R = Ipfix::RecordType;
+      const R fields[] = {R::sourceIPv4Address,        R::destinationIPv4Address,
+                          R::protocolIdentifier,       R::sourceTransportPort,
+                          R::destinationTransportPort, R::octetDeltaCount};
+      for (int t = 0; t < p.trackers; ++t) {
+         const Kel::Name name = fmt::format("ft{}", t);
+         auto ft = Kel::makeActive<HwFlowTracking::FtConfig>(name);
+         ft->ftIdIs(Kel::U32(100 + t));
+         for (int e = 0; e < p.exporters; ++e) {
+            auto exp = Kel::makeActive<HwFlowTracking::ExporterConfig>(fmt::format("exp{}", e));
+            exp->srcIpAddrIs(*Nivel::IpAddr::parse("127.0.0.1"));
+            exp->srcIp6AddrIs(*Nivel::Ip6Addr::parse("::1"));
+            exp->templateIntervalIs(3600000);
+            for (int c = 0; c < p.collectors; ++c) {
+               const Scale::Receiver& r = receivers.at(c);
+               if (r.ipv6) {
+                  exp->collectorIp6AndPortIs(fmt::format("c{}", c),
+                                             {*Nivel::Ip6Addr::parse("::1"), r.port});
+               } else {
+                  exp->collectorIpAndPortIs(fmt::format("c{}", c),
+                                            {*Nivel::IpAddr::parse("127.0.0.1"), r.port});
+               }
+            }
+            exp->exporterResolvedIs(true);
+            ft->expConfigIs(exp);
+         }
+         config_->hwFtConfigIs(ft);
+         auto fts = Kel::makeActive<HwFlowTracking::FtStatus>(name);
+         for (int g = 0; g < p.flowGroups; ++g) {
+            auto fg =
+                Kel::makeActive<HwFlowTracking::FgStatus>(HwFlowTracking::TemplateId(256 + g));
+            for (Kel::U32 i = 0; i < std::size(fields); ++i) {
+               auto entry = Kel::makeActive<HwFlowTracking::FtTemplateEntry>(i, fields[i]);
+               FlowTracking::updateFieldInfo(*init_->elementIdCollection(), *entry);
+               entry->flowKeyIs(i < 5);
+               fg->templateEntryIs(entry);
+            }
+            fg->fieldCountIs(Kel::U16(std::size(fields)));
+            fg->entryCountIs(4096);
+            fts->hwFgStatusIs(fg);
+         }
+         status_->hwFtStatusIs(fts);
+      }
+   }
+
+   void start() {
+      tree_ = FlowTracking::flowTrackingInfoSmFactory(sched_, config_, info_, init_->agentInfo());
+      templates_ = FlowTracking::templateSmFactory(sched_, configReq_, status_, config_, stats_,
+                                                   info_, init_->elementIdCollection());
+      options_ = FlowTracking::optionsDataManagerSmFactory(config_, status_, info_, intfs_,
+                                                           vrfStatus_, stats_, sched_);
+   }
+
+   // Runs the loop until `done` or the timeout; false on the timeout.
+   template <class Done>
+   bool runUntil(Done&& done, double seconds) {
+      const double end = wallSeconds() + seconds;
+      while (!done()) {
+         if (wallSeconds() > end) {
+            return false;
+         }
+         if (!sched_->runOnce()) {
+            usleep(200);
+         }
+      }
+      return true;
+   }
+
+   std::vector<Kel::Ptr<FlowTracking::OptionsDataExporterSm>> exporters() const {
+      std::vector<Kel::Ptr<FlowTracking::OptionsDataExporterSm>> all;
+      for (const auto& [name, ft] : options_->ftManagerSm()) {
+         for (const auto& [exp, sm] : ft->exporterSm()) {
+            all.push_back(sm);
+         }
+      }
+      return all;
+   }
+
+   // Datagrams our sockets have sent.
+   Kel::U64 packetsSent() const {
+      Kel::U64 n = 0;
+      for (const auto& [name, ft] : info_->ftInfo()) {
+         for (const auto& [exp, e] : ft->expInfo()) {
+            n += (e->udpPam4() ? e->udpPam4()->txPkts() : 0) +
+                 (e->udpPam6() ? e->udpPam6()->txPkts() : 0);
+         }
+      }
+      return n;
+   }
+
+   int anyExporterFd() const {
+      return info_->ftInfo().begin()->second->expInfo().begin()->second->udpPam4()->fd();
+   }
+
+   FlowTracking::IntfIndexMap& interfaces() { return *intfs_; }
+
+ private:
+   Params p_;
+   Kel::Ptr<Bexa::TaskSchedulerRoot> sched_ = Kel::makePtr<Bexa::TaskSchedulerRoot>();
+   Kel::Ptr<Ipfix::IpfixInitSm> init_ = Ipfix::ipfixInitSmFactory();
+   Kel::Ptr<HwFlowTracking::Config> config_ = Kel::makeActive<HwFlowTracking::Config>();
+   Kel::Ptr<HwFlowTracking::Status> status_ = Kel::makeActive<HwFlowTracking::Status>();
+   Kel::Ptr<FlowTracking::FlowTrackingInfo> info_ =
+       Kel::makeActive<FlowTracking::FlowTrackingInfo>(FlowTracking::FlowTrackingType::hardware);
+   Kel::Ptr<FlowTracking::IntfIndexMap> intfs_ = Kel::makeActive<FlowTracking::IntfIndexMap>();
+   Vrf::VrfIdMap::Table vrfTable_ = Vrf::VrfIdMap::Table::createAnonymous("scale-vrfs", 1 << 16);
+   Kel::Ptr<Vrf::VrfIdMap::Status> vrfStatus_ =
+       Vrf::VrfIdMap::statusFactory(Vrf::VrfIdMap::Reader::attach(vrfTable_));
+   Kel::Ptr<FlowTracking::ConfigReq> configReq_ = Kel::makeActive<FlowTracking::ConfigReq>();
+   Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> stats_ =
+       Kel::makeActive<Vorpa::Ipfix::CollectorStatistics>(
+           "scale", Vorpa::Ipfix::CollectorStatisticsTable::createAnonymous("scale", 1 << 14));
+   Kel::Ptr<FlowTracking::FlowTrackingInfoSm> tree_;
+   Kel::Ptr<FlowTracking::TemplateSm> templates_;
+   Kel::Ptr<FlowTracking::OptionsDataManagerSm> options_;
+};
+
+// The kernel's part alone: `count` datagrams of `size` octets from `fd` to the
+// IPv4 receivers, with the exporter's ancillary data, one sendmsg each or
+// sendmmsg in batches of 64. CPU per datagram.
+double bareSendCost(int fd, const Scale::Receivers& receivers, bool batched, int count,
+                    std::size_t size) {
+   std::vector<char> payload(size, 'x');
+   std::vector<sockaddr_in> dst;
+   for (const auto& r : receivers.all()) {
+      if (!r.ipv6) {
+         sockaddr_in a{};
+         a.sin_family = AF_INET;
+         a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+         a.sin_port = htons(r.port);
+         dst.push_back(a);
+      }
+   }
+   // The same ancillary data as the exporter's sends: source address and ToS.
+   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in_pktinfo)) + CMSG_SPACE(sizeof(int))] = {};
+   auto* c = reinterpret_cast<cmsghdr*>(control);
+   c->cmsg_level = IPPROTO_IP;
+   c->cmsg_type = IP_PKTINFO;
+   c->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+   in_pktinfo info{};
+   info.ipi_spec_dst.s_addr = htonl(INADDR_LOOPBACK);
+   std::memcpy(CMSG_DATA(c), &info, sizeof info);
+   c = reinterpret_cast<cmsghdr*>(control + CMSG_SPACE(sizeof(in_pktinfo)));
+   c->cmsg_level = IPPROTO_IP;
+   c->cmsg_type = IP_TOS;
+   c->cmsg_len = CMSG_LEN(sizeof(int));
+   const int tos = 0;
+   std::memcpy(CMSG_DATA(c), &tos, sizeof tos);
+   constexpr int batch = 64;
+   std::vector<mmsghdr> msgs(batch);
+   std::vector<iovec> iov(batch);
+   const double cpu0 = cpuSeconds();
+   for (int sent = 0; sent < count; sent += batched ? batch : 1) {
+      const int n = batched ? batch : 1;
+      for (int i = 0; i < n; ++i) {
+         iov[i] = {payload.data(), payload.size()};
+         msgs[i] = {};
+         msgs[i].msg_hdr.msg_name = &dst[(sent + i) % dst.size()];
+         msgs[i].msg_hdr.msg_namelen = sizeof(sockaddr_in);
+         msgs[i].msg_hdr.msg_iov = &iov[i];
+         msgs[i].msg_hdr.msg_iovlen = 1;
+         msgs[i].msg_hdr.msg_control = control;
+         msgs[i].msg_hdr.msg_controllen = sizeof control;
+      }
+      if (batched) {
+         sendmmsg(fd, msgs.data(), n, 0);
+      } else {
+         sendmsg(fd, &msgs[0].msg_hdr, 0);
+      }
+   }
+   return (cpuSeconds() - cpu0) / count;
+}
+
+int run(const Params& p, bool smoke) {
+   Scale::Receivers receivers(p.collectors);
+   const Kel::U64 streams = Kel::U64(p.trackers) * p.exporters * p.collectors;
+   Scale::Expected expected{Kel::U64(p.interfaces) + 4, Kel::U64(p.vrfs) + 1,
+                            Kel::U64(p.flowGroups)};
+   Scale::ReceiverProcess child(receivers, expected, streams);
+
+   const double rssStart = residentMiB();
+   Scenario s(p, receivers);
+   const double rssModel = residentMiB();
+
+   // (a) start-up to full export.
+   const double wall0 = wallSeconds();
+   const double cpu0 = cpuSeconds();
+   s.start();
+   const bool complete = s.runUntil([&] { return child.complete(); }, p.timeoutSeconds);
+   const double startupWall = wallSeconds() - wall0;
+   const double startupCpu = cpuSeconds() - cpu0;
+   const Kel::U64 startupPackets = s.packetsSent();
+   const double rssExported = residentMiB();
+   std::printf("collectors complete: %llu of %llu%s\n",
+               static_cast<unsigned long long>(child.completeStreams()),
+               static_cast<unsigned long long>(streams), complete ? "" : " (timed out)");
+   if (smoke || !complete) {
+      return complete ? 0 : 1;
+   }
+
+   // (b) one periodic full transmission of every exporter.
+   const auto exporters = s.exporters();
+   const Kel::U64 before = s.packetsSent();
+   const double cpu1 = cpuSeconds();
+   for (const auto& e : exporters) {
+      e->maybeBeginPeriodicTransmission();
+   }
+   const double periodicCpu = cpuSeconds() - cpu1;
+   const Kel::U64 periodicPackets = s.packetsSent() - before;
+
+   // (c) interface changes for a while, coalesced by the exporters.
+   std::mt19937 rng(1);
+   Kel::U64 changes = 0;
+   const Kel::U64 packetsBeforeChanges = s.packetsSent();
+   const double changeEnd = wallSeconds() + p.changeSeconds;
+   s.runUntil(
+       [&] {
+          for (int i = 0; i < 100; ++i, ++changes) {
+             const int n = int(rng() % Kel::U32(p.interfaces));
+             s.interfaces().intfIndexIs(fmt::format("Ethernet{}/{}", n / 48 + 1, n % 48 + 1),
+                                        Kel::U32(p.interfaces + 1 + changes % 1000));
+          }
+          return wallSeconds() > changeEnd;
+       },
+       p.changeSeconds + 5);
+   const Kel::U64 changePackets = s.packetsSent() - packetsBeforeChanges;
+
+   // (e) the bare send path on one of our sockets.
+   const std::size_t datagram = 1452;
+   const double bareSendmsg = bareSendCost(s.anyExporterFd(), receivers, false, 200000, datagram);
+   const double bareSendmmsg = bareSendCost(s.anyExporterFd(), receivers, true, 200000, datagram);
+
+   const double perPacket = periodicCpu / double(periodicPackets);
+   const Kel::U64 records = Kel::U64(p.interfaces + 4 + p.vrfs + 1);
+   std::printf(
+       "scenario: %d trackers x %d exporters x %d collectors (%llu), %d interfaces, "
+       "%d VRFs, %d flow groups per tracker\n",
+       p.trackers, p.exporters, p.collectors, static_cast<unsigned long long>(streams),
+       p.interfaces, p.vrfs, p.flowGroups);
+   std::printf(
+       "(a) start-up to full export: %.2f s wall, %.2f s CPU, %llu packets; "
+       "%.2fx of packets x bare sendmmsg\n",
+       startupWall, startupCpu, static_cast<unsigned long long>(startupPackets),
+       startupWall / (double(startupPackets) * bareSendmmsg));
+   std::printf("(b) periodic full transmission: %.3f s CPU, %llu packets, %.2f us per packet\n",
+               periodicCpu, static_cast<unsigned long long>(periodicPackets), perPacket * 1e6);
+   std::printf("(c) interface changes: %.0f per second absorbed, %llu packets sent for them\n",
+               double(changes) / p.changeSeconds, static_cast<unsigned long long>(changePackets));
+   std::printf(
+       "(d) resident memory: %.1f MiB at start, %.1f MiB with the model, %.1f MiB after "
+       "full export; %.2f KiB per collector, %.1f octets per cached record (library "
+       "share, not separated from the message cache)\n",
+       rssStart, rssModel, rssExported, (rssExported - rssModel) * 1024.0 / double(streams),
+       (rssExported - rssModel) * 1024.0 * 1024.0 / double(records * exporters.size()));
+   std::printf("(e) bare sendmsg %.2f us, sendmmsg %.2f us per datagram of %zu octets\n",
+               bareSendmsg * 1e6, bareSendmmsg * 1e6, datagram);
+   std::printf("ratios: per packet %.2fx sendmmsg (target <= 1.1), %.2fx sendmsg (target < 1)\n",
+               perPacket / bareSendmmsg, perPacket / bareSendmsg);
+   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+   CLI::App app{"Runs the IPFIX export library at switch scale and reports its costs."};
+   Params p;
+   bool smoke = false;
+   app.add_option("--trackers", p.trackers)->check(CLI::Range(1, 256));
+   app.add_option("--exporters", p.exporters, "per tracker")->check(CLI::Range(1, 16));
+   app.add_option("--collectors", p.collectors, "per exporter, half IPv6")
+       ->check(CLI::Range(2, 64));
+   app.add_option("--interfaces", p.interfaces)->check(CLI::Range(0, 1000000));
+   app.add_option("--vrfs", p.vrfs)->check(CLI::Range(0, 60000));
+   app.add_option("--flow-groups", p.flowGroups, "per tracker")->check(CLI::Range(1, 64));
+   app.add_option("--change-seconds", p.changeSeconds)->check(CLI::Range(0.1, 60.0));
+   app.add_flag("--smoke", smoke, "small scenario; exit 0 when every collector got every table");
+   CLI11_PARSE(app, argc, argv);
+   if (smoke) {
+      p = Params{2, 2, 4, 500, 20, 2, 0.1, 60.0};
+   }
+   return run(p, smoke);
+}
