@@ -1,8 +1,12 @@
 # The README's two commands live here. `make test` is also what CI runs.
-PRESETS ?= release asan
+# `fuzz` builds only the libFuzzer targets (clang) and its ctest runs each for
+# a short while over its seed corpus.
+PRESETS ?= release asan fuzz
 JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 600
+FUZZ_TARGETS = config_loader stats_reader message_builder
 
-.PHONY: demo test build bootstrap bench format clean
+.PHONY: demo test build bootstrap bench fuzz format clean
 
 bootstrap:
 	@scripts/bootstrap
@@ -29,6 +33,17 @@ test: build
 	   [ -n "$$total" ] || { total=0; bad=1; }; \
 	   passed=$$((passed + total - bad)); failed=$$((failed + bad)); \
 	done; echo "summary: $$passed passed, $$failed failed"; [ $$failed -eq 0 ]
+
+# A long run of each fuzz target, one after the other; the corpus grows in
+# build/fuzz/tests/fuzz/<target>/corpus across runs, and a failing input is
+# saved next to it.
+fuzz: bootstrap
+	@cmake --preset fuzz >/dev/null && cmake --build --preset fuzz -j $(JOBS)
+	@for t in $(FUZZ_TARGETS); do \
+	   echo "== fuzz_$$t ($(FUZZ_SECONDS) s) =="; \
+	   KEEP_CORPUS=1 tests/fuzz/run-fuzzer build/fuzz/tests/fuzz/fuzz_$$t tests/fuzz/corpus/$$t \
+	      build/fuzz/tests/fuzz/$$t -max_total_time=$(FUZZ_SECONDS) -timeout=10 || exit 1; \
+	done
 
 bench: bootstrap
 	@cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS)

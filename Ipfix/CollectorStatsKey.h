@@ -28,6 +28,8 @@ class CollectorInfo {
    static std::optional<CollectorInfo> parse(std::string_view text);
 
    Kel::U64 hash() const;
+   // False for an address of no family, read from a corrupt table.
+   bool vorpaValid() const { return addr_.valid(); }
    bool operator==(const CollectorInfo&) const = default;
    auto operator<=>(const CollectorInfo&) const = default;
 
@@ -60,7 +62,10 @@ class CollectorStatisticsKey {
    // Always throws Kel::Exception: the key holds collections.
    static CollectorStatisticsKey parse(std::string_view text);
 
-   bool vorpaValid() const { return trackerStorage_.vorpaValid() && exporterStorage_.vorpaValid(); }
+   bool vorpaValid() const {
+      return collector_.vorpaValid() && trackerStorage_.vorpaValid() &&
+             exporterStorage_.vorpaValid();
+   }
    Kel::U64 hash() const;
    bool operator==(const CollectorStatisticsKey&) const = default;
    // By tracker, then exporter, then collector: the order of listings.

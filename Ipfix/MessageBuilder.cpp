@@ -59,10 +59,10 @@ Kel::U32 addSetRecordBytes(MessageBuilder* builder, TemplateId setId, const char
       }
       ++builder->recordCount_;
    } else {
-      // The record and the header of its new set are sized as a 16-bit set
-      // length: a record of 65532 octets or more wraps here, passes, and is
-      // stopped by the overrun check below.
-      const auto withSetHeader = static_cast<Kel::U16>(bytes + IpfixConst::setHeaderLen());
+      // Sized in 32 bits: a record of 65532 octets or more with its set
+      // header exceeds any 16-bit maximum and is refused like any record that
+      // does not fit, before anything changes.
+      const Kel::U32 withSetHeader = bytes + IpfixConst::setHeaderLen();
       if (builder->offset() + withSetHeader > builder->maxSize()) {
          return 0;
       }

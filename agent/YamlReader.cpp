@@ -2,9 +2,11 @@
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
+#include <yaml-cpp/eventhandler.h>
 
 #include <algorithm>
 #include <charconv>
+#include <sstream>
 
 namespace Agent {
 
@@ -14,6 +16,43 @@ bool looksNumeric(const Kel::String& s) {
    return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) {
       return (c >= '0' && c <= '9') || c == '-' || c == '+' || c == '.';
    });
+}
+
+// Documents counted before a file is called one with too many: the count only
+// has to tell one from several.
+constexpr int documentCountLimit = 100;
+
+// Receives a document's events and drops them: counting documents needs only
+// the parse.
+class IgnoredEvents : public YAML::EventHandler {
+ public:
+   void OnDocumentStart(const YAML::Mark&) override {}
+   void OnDocumentEnd() override {}
+   void OnNull(const YAML::Mark&, YAML::anchor_t) override {}
+   void OnAlias(const YAML::Mark&, YAML::anchor_t) override {}
+   void OnScalar(const YAML::Mark&, const std::string&, YAML::anchor_t,
+                 const std::string&) override {}
+   void OnSequenceStart(const YAML::Mark&, const std::string&, YAML::anchor_t,
+                        YAML::EmitterStyle::value) override {}
+   void OnSequenceEnd() override {}
+   void OnMapStart(const YAML::Mark&, const std::string&, YAML::anchor_t,
+                   YAML::EmitterStyle::value) override {}
+   void OnMapEnd() override {}
+};
+
+// The documents in `text`, at most documentCountLimit. Not YAML::LoadAll:
+// on some malformed text (", f" and the like) its parser keeps yielding
+// empty documents without reading on, and LoadAll collects them until memory
+// runs out. Throws what the parser throws.
+int countDocuments(const Kel::String& text) {
+   std::istringstream in(text);
+   YAML::Parser parser(in);
+   IgnoredEvents events;
+   int count = 0;
+   while (count < documentCountLimit && parser.HandleNextDocument(events)) {
+      ++count;
+   }
+   return count;
 }
 
 }  // namespace
@@ -36,9 +75,13 @@ Kel::String YamlReader::join(const Kel::String& path, std::string_view key) {
 }
 
 std::optional<YamlValue> YamlReader::document(const Kel::String& text) {
-   std::vector<YAML::Node> documents;
+   YAML::Node document;
+   int documents = 0;
    try {
-      documents = YAML::LoadAll(text);
+      documents = countDocuments(text);
+      if (documents == 1) {
+         document = YAML::Load(text);
+      }
    } catch (const YAML::ParserException& e) {
       errors_.push_back({fileName_, e.mark.line + 1, "", "YAML syntax error: " + e.msg});
       return std::nullopt;
@@ -46,12 +89,15 @@ std::optional<YamlValue> YamlReader::document(const Kel::String& text) {
       errors_.push_back({fileName_, 0, "", Kel::String("YAML error: ") + e.what()});
       return std::nullopt;
    }
-   if (documents.size() != 1) {
+   if (documents != 1) {
       errors_.push_back(
-          {fileName_, 1, "", fmt::format("must hold one YAML document, not {}", documents.size())});
+          {fileName_, 1, "",
+           documents < documentCountLimit
+               ? fmt::format("must hold one YAML document, not {}", documents)
+               : fmt::format("must hold one YAML document, not {} or more", documentCountLimit)});
       return std::nullopt;
    }
-   return YamlValue{documents.front(), "", documents.front().Mark().line + 1};
+   return YamlValue{document, "", document.Mark().line + 1};
 }
 
 void YamlReader::error(const YamlValue& at, Kel::String message) {

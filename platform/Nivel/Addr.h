@@ -67,6 +67,10 @@ class IpGenAddr {
    IpAddr v4() const { return std::get<IpAddr>(addr_); }
    Ip6Addr v6() const { return std::get<Ip6Addr>(addr_); }
    Kel::String str() const;
+   // False when the family is neither, which only an address copied as
+   // bytes from another process's memory (a shared table) can be: every
+   // other accessor then throws or is undefined, so such readers check this.
+   bool valid() const { return addr_.index() < std::variant_size_v<decltype(addr_)>; }
    auto operator<=>(const IpGenAddr&) const = default;
 
  private:

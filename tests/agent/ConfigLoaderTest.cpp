@@ -207,6 +207,11 @@ vrfs:
        {"two documents",
         "vrfs: []\n---\nvrfs: []\n",
         {"t.yaml:1: must hold one YAML document, not 2"}},
+       // The parser yields empty documents here without reading on: the
+       // count stops, and the load ends instead of filling the memory.
+       {"a document that never ends",
+        ", f\x93\x90\xf5",
+        {"t.yaml:1: must hold one YAML document, not 100 or more"}},
    };
    for (const auto& c : cases) {
       SCOPED_TRACE(c.name);

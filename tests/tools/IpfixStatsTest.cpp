@@ -5,6 +5,7 @@
 
 #include "Ipfix/CollectorStatsUpdate.h"
 #include "Kel/System.h"
+#include "StatsReport.h"
 #include "support/ScopedTableName.h"
 #include "support/SegmentBytes.h"
 #include "tools/ChildProcess.h"
@@ -295,6 +296,20 @@ TEST(IpfixStatsErrors, OneLineAndADistinctExitCodeEach) {
    }
    const ChildProcess::Result usage = ChildProcess::run({ipfixStats, "--frobnicate"});
    EXPECT_EQ(usage.exitCode, 2);
+}
+
+// Names are the writer's octets, not necessarily UTF-8: the JSON report
+// replaces what is not, instead of failing as a whole.
+TEST(IpfixStatsJson, NamesThatAreNotUtf8) {
+   using Vorpa::Ipfix::CollectorStatisticsEntry;
+   using Vorpa::Ipfix::CollectorStatisticsKey;
+   const CollectorStatisticsKey key("ft\xff", "exp\xc3", *CollectorInfo::parse("192.0.2.1:4739"));
+   const auto trackers = IpfixStats::groupEntries({CollectorStatisticsEntry(key)});
+   const auto report = IpfixStats::jsonReport({"t", 4, 0}, trackers, 10.0);
+   std::string text;
+   ASSERT_NO_THROW(text = IpfixStats::jsonText(report, -1));
+   EXPECT_NE(text.find("\"ft\xef\xbf\xbd\""), std::string::npos) << text;
+   EXPECT_NE(text.find("\"exp\xef\xbf\xbd\""), std::string::npos) << text;
 }
 
 }  // namespace

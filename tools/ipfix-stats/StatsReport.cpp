@@ -151,4 +151,8 @@ Json jsonReport(const TableSummary& table, const std::vector<TrackerStats>& trac
            {"trackers", trackersJson}};
 }
 
+std::string jsonText(const Json& report, int indent) {
+   return report.dump(indent, ' ', false, Json::error_handler_t::replace);
+}
+
 }  // namespace IpfixStats

@@ -45,5 +45,9 @@ std::string textReport(const TableSummary& table, const std::vector<TrackerStats
 // Ages in seconds, null for never.
 Json jsonReport(const TableSummary& table, const std::vector<TrackerStats>& trackers,
                 Kel::Seconds now);
+// The report as text: `indent` as in Json::dump (-1 for one line). Names
+// are whatever octets the table's writer stored, not necessarily UTF-8, so
+// invalid sequences print as U+FFFD rather than failing the whole report.
+std::string jsonText(const Json& report, int indent);
 
 }  // namespace IpfixStats

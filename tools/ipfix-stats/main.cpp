@@ -44,7 +44,8 @@ void print(const IpfixStats::Snapshot& snapshot, const Options& options) {
    const Kel::Seconds now = Kel::System::currentTime();
    if (options.json) {
       // One document per line when watching, so that a consumer can split them.
-      std::cout << jsonReport(snapshot.summary, snapshot.trackers, now).dump(options.watch ? -1 : 2)
+      std::cout << IpfixStats::jsonText(jsonReport(snapshot.summary, snapshot.trackers, now),
+                                        options.watch ? -1 : 2)
                 << '\n';
    } else {
       std::cout << textReport(snapshot.summary, snapshot.trackers, now);
