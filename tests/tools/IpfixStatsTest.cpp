@@ -5,6 +5,7 @@
 
 #include "Ipfix/CollectorStatsUpdate.h"
 #include "Kel/System.h"
+#include "support/FutexSleeper.h"
 #include "support/ScopedTableName.h"
 #include "support/SegmentBytes.h"
 #include "tools/ChildProcess.h"
@@ -204,12 +205,8 @@ TEST_F(IpfixStatsTest, WatchPrintsAgainAfterEveryChange) {
                                : exporters[0]["collectors"][0]["messages"];
    };
    const auto waitUntilAsleep = [&] {
-      const auto& sleepers = stats->statsControl().segment().waiterBlock().sleepers;
-      const Kel::Seconds limit = Kel::SystemClock().monotonic() + 60;
-      while (sleepers.load() == 0 && Kel::SystemClock().monotonic() < limit) {
-         sched_yield();
-      }
-      ASSERT_EQ(sleepers.load(), 1u) << "the watch does not sleep on the table";
+      ASSERT_TRUE(TestSupport::waitUntilAsleepInFutex(watch.pid()))
+          << "the watch does not sleep on the table";
    };
    const SetCount one[] = {{SetId(256), 1}};
    const CollectorInfo other = collector("192.0.2.7:2055");
