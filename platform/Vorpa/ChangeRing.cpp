@@ -1,12 +1,20 @@
 #include "Vorpa/ChangeRing.h"
 
+#include <algorithm>
 #include <cstring>
+#include <ctime>
 
 #include "Vorpa/Futex.h"
 
 namespace Vorpa {
 
 namespace {
+
+Kel::U64 monotonicNs() {
+   timespec ts{};
+   clock_gettime(CLOCK_MONOTONIC, &ts);
+   return static_cast<Kel::U64>(ts.tv_sec) * 1'000'000'000 + static_cast<Kel::U64>(ts.tv_nsec);
+}
 
 ChangeHeader& changeHeaderOf(std::byte* record) {
    return *reinterpret_cast<ChangeHeader*>(record);
@@ -31,14 +39,14 @@ void changePublish(const TableSegment& segment, ChangeKind kind, const void* key
       std::memset(record + g.ringKeyOffset, 0, g.key.size);
    }
    h.seq.store(seq, std::memory_order_release);
-   header.changeSeq.store(seq, std::memory_order_release);
-   // Sequentially consistent store, then load: either a reader that is about
-   // to sleep sees the new futex value, or this sees its sleepers flag.
-   header.changeFutex.store(static_cast<Kel::U32>(seq), std::memory_order_seq_cst);
-   WaiterBlock& waiters = segment.waiterBlock();
-   if (waiters.sleepers.load(std::memory_order_seq_cst) != 0 &&
-       waiters.sleepers.exchange(0, std::memory_order_seq_cst) != 0) {
-      futexWakeAll(header.changeFutex);
+   header.changeSeq.store(seq, std::memory_order_seq_cst);
+   // The clock is read after the sequence is published: a reader that saw the
+   // sequence before this change read its clock earlier still (changeWait).
+   const Kel::U64 now = monotonicNs();
+   if (now - header.wakeTimeNs.load(std::memory_order_relaxed) >= wakeSpacingNs) {
+      header.wakeTimeNs.store(now, std::memory_order_relaxed);
+      header.wakeGeneration.fetch_add(1, std::memory_order_seq_cst);
+      futexWakeAll(header.wakeGeneration);
    }
 }
 
@@ -65,14 +73,25 @@ FollowStatus changeRead(const TableSegment& segment, Kel::U64 seq, ChangeKind* k
 
 bool changeWait(const TableSegment& segment, Kel::U64 cursor, std::optional<Kel::Seconds> timeout) {
    const SegmentHeader& header = segment.header();
-   const auto expected = static_cast<Kel::U32>(cursor);
-   if (changeSeq(segment) != cursor) {
+   // Generation first: a wake-up after this load makes the futex wait below
+   // return, and the wake time read next is the one of this generation.
+   const Kel::U32 generation = header.wakeGeneration.load(std::memory_order_seq_cst);
+   const Kel::U64 wokeAt = header.wakeTimeNs.load(std::memory_order_relaxed);
+   const Kel::U64 now = monotonicNs();
+   std::atomic_thread_fence(std::memory_order_seq_cst);
+   if (header.changeSeq.load(std::memory_order_seq_cst) != cursor) {
       return true;
    }
-   segment.waiterBlock().sleepers.store(1, std::memory_order_seq_cst);
-   if (header.changeFutex.load(std::memory_order_seq_cst) == expected) {
-      futexWait(header.changeFutex, expected, timeout);
+   // Any later change reads the writer's clock after `now`. When that may
+   // still fall within the spacing of the last wake-up, the writer may not
+   // wake this reader for it: sleep only until it would. Twice the spacing
+   // leaves room for the two processes' clock reads to interleave.
+   const Kel::U64 sinceWake = now >= wokeAt ? now - wokeAt : 0;
+   if (sinceWake < 2 * wakeSpacingNs) {
+      const Kel::Seconds paced = static_cast<double>(2 * wakeSpacingNs - sinceWake) / 1e9;
+      timeout = timeout ? std::min(*timeout, paced) : paced;
    }
+   futexWait(header.wakeGeneration, generation, timeout);
    return changeSeq(segment) != cursor;
 }
 

@@ -9,7 +9,17 @@
 // last sequence they consumed and read the records after it; a reader that
 // falls more than the ring's capacity behind is told so and resynchronises
 // from the slots. Readers sleep on a futex until the sequence moves.
+//
+// Readers map the segment read-only, so the writer cannot know whether any of
+// them sleeps, and a wake-up is a system call that costs many times a write.
+// The writer therefore wakes readers at most once per wakeSpacingNs: the first
+// change after a quiet spell wakes them at once, later ones in a burst within
+// that spacing. A reader that goes to sleep shortly after a wake-up sleeps no
+// longer than until the writer would wake it again, and finds then the changes
+// the writer did not wake it for.
 namespace Vorpa {
+
+inline constexpr Kel::U64 wakeSpacingNs = 10'000'000;
 
 // Writer: appends one record (`key` may be null for allRemoved) and wakes
 // sleeping readers.

@@ -10,20 +10,20 @@
 // The byte layout of a table segment, shared by the writer and every reader:
 //
 //   page 0     SegmentHeader: identity (immutable), counters, change sequence
-//   page 1     WaiterBlock: the only part a reader maps writable
 //   slots      slotCount slots of slotStride bytes: SlotHeader, then the
 //              stored object (the value, or key and value; see Table.h)
 //   ring       ringCapacity change records: ChangeHeader, key
 //
 // Every offset is a pure function of the creation parameters (Geometry), so a
-// reader recomputes it instead of trusting the segment.
+// reader recomputes it instead of trusting the segment. Readers map the whole
+// segment read-only: nothing in it is theirs to write.
 namespace Vorpa {
 
 inline constexpr Kel::U64 segmentMagic = 0x4c42544150524f56ULL;  // "VORPATBL"
-inline constexpr Kel::U32 layoutVersion = 1;
+// 2: readers write nothing; the writer paces its wake-ups (ChangeRing.h).
+inline constexpr Kel::U32 layoutVersion = 2;
 inline constexpr std::size_t pageSize = 4096;
-inline constexpr std::size_t waiterBlockOffset = pageSize;
-inline constexpr std::size_t slotsOffset = 2 * pageSize;
+inline constexpr std::size_t slotsOffset = pageSize;
 inline constexpr Kel::U32 maxCapacity = 1u << 22;
 
 enum class SlotState : Kel::U32 { empty = 0, live = 1, removed = 2 };
@@ -84,19 +84,14 @@ struct SegmentHeader {
    std::atomic<Kel::U32> removedCount;
    std::atomic<Kel::U64> insertRefusedCount;
    std::atomic<Kel::U64> corruptionCount;
-   // Sequence number of the newest change record; its low half doubles as the
-   // futex word readers sleep on.
+   // Sequence number of the newest change record.
    alignas(64) std::atomic<Kel::U64> changeSeq;
-   std::atomic<Kel::U32> changeFutex;
+   // The futex word readers sleep on: the writer bumps it each time it wakes
+   // them, and wakeTimeNs is the monotonic time of that wake-up.
+   std::atomic<Kel::U32> wakeGeneration;
+   std::atomic<Kel::U64> wakeTimeNs;
 };
 static_assert(sizeof(SegmentHeader) <= pageSize);
-
-// Readers set `sleepers` before they sleep; the writer wakes them only when it
-// is set, and clears it, so a change costs no system call while nobody waits
-// and a reader that died asleep costs one spurious wake.
-struct WaiterBlock {
-   std::atomic<Kel::U32> sleepers;
-};
 
 struct SlotHeader {
    std::atomic<Kel::U32> seq;  // odd while the writer changes the slot

@@ -5,7 +5,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <string>
 #include <utility>
 
 #include "Kel/Exception.h"
@@ -15,11 +18,62 @@ namespace Vorpa {
 
 namespace {
 
-// NAME_MAX less the leading '/'.
-constexpr std::size_t maxNameLength = 254;
+// Owner reads and writes, everyone else reads: readers of any user may watch
+// the statistics, and only the writer's user can change them.
+constexpr mode_t objectMode = 0644;
 
 [[noreturn]] void throwSystem(int err, const Kel::String& what) {
    throw MountError(MountProblem::system, Kel::ErrnoException(err, what).what());
+}
+
+bool isNameChar(char c) {
+   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' ||
+          c == '_' || c == '-';
+}
+
+// A rejected name as it can be printed on one line.
+Kel::String shown(const Kel::Name& name) {
+   Kel::String text;
+   for (const char c : name) {
+      if (c >= 0x20 && c < 0x7f) {
+         text += c;
+      } else {
+         char escaped[5];
+         std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned char>(c));
+         text += escaped;
+      }
+   }
+   return text;
+}
+
+// The writer replaces what an earlier writer left under the name, but not
+// what another user's process created there: that table is not its own.
+void refuseForeignObject(const Kel::Name& object, const Kel::Name& name) {
+   const int fd = shm_open(object.c_str(), O_RDONLY | O_CLOEXEC, 0);
+   if (fd < 0) {
+      const int err = errno;
+      if (err == ENOENT) {
+         return;
+      }
+      if (err == EACCES) {
+         throw MountError(
+             MountProblem::system,
+             "table '" + name + "' exists and this user may not read it: not replacing it");
+      }
+      throwSystem(err, "shm_open " + object);
+   }
+   struct stat st {};
+   const bool statted = fstat(fd, &st) == 0;
+   const int err = errno;
+   close(fd);
+   if (!statted) {
+      throwSystem(err, "fstat " + object);
+   }
+   if (st.st_uid != geteuid()) {
+      throw MountError(MountProblem::system, "table '" + name + "' belongs to user " +
+                                                 std::to_string(st.st_uid) + ", not to user " +
+                                                 std::to_string(geteuid()) + ": not replacing it");
+   }
 }
 
 }  // namespace
@@ -29,6 +83,9 @@ Segment::Segment(Segment&& other) noexcept
       data_(std::exchange(other.data_, nullptr)),
       size_(std::exchange(other.size_, 0)),
       writable_(other.writable_),
+      named_(other.named_),
+      device_(other.device_),
+      inode_(other.inode_),
       name_(std::move(other.name_)) {}
 
 Segment& Segment::operator=(Segment&& other) noexcept {
@@ -38,6 +95,9 @@ Segment& Segment::operator=(Segment&& other) noexcept {
       data_ = std::exchange(other.data_, nullptr);
       size_ = std::exchange(other.size_, 0);
       writable_ = other.writable_;
+      named_ = other.named_;
+      device_ = other.device_;
+      inode_ = other.inode_;
       name_ = std::move(other.name_);
    }
    return *this;
@@ -59,20 +119,28 @@ void Segment::release() noexcept {
 }
 
 Kel::Name Segment::objectName(const Kel::Name& name) {
-   if (name.empty() || name.size() > maxNameLength || name.find('/') != Kel::Name::npos ||
-       name == "." || name == "..") {
-      throw MountError(
-          MountProblem::invalidName,
-          "invalid table name '" + name + "': expected 1 to 254 characters without '/'");
+   if (name.empty() || name.size() > maxNameLength || name == "." || name == ".." ||
+       !std::all_of(name.begin(), name.end(), isNameChar)) {
+      throw MountError(MountProblem::invalidName,
+                       "invalid table name '" + shown(name) + "': expected 1 to " +
+                           std::to_string(maxNameLength) +
+                           " letters, digits, '.', '_' or '-', and not '.' or '..'");
    }
    return "/" + name;
 }
 
-Segment Segment::map(int fd, const Kel::Name& name, std::size_t size, bool writable) {
+Segment Segment::map(int fd, const Kel::Name& name, std::size_t size, bool writable, bool named) {
    Segment s;
    s.fd_ = fd;
    s.name_ = name;
    s.writable_ = writable;
+   s.named_ = named;
+   struct stat st {};
+   if (fstat(fd, &st) != 0) {
+      throwSystem(errno, "fstat " + name);
+   }
+   s.device_ = st.st_dev;
+   s.inode_ = st.st_ino;
    void* p = mmap(nullptr, size, writable ? PROT_READ | PROT_WRITE : PROT_READ, MAP_SHARED, fd, 0);
    if (p == MAP_FAILED) {
       throwSystem(errno, "mmap " + name);
@@ -84,20 +152,34 @@ Segment Segment::map(int fd, const Kel::Name& name, std::size_t size, bool writa
 
 Segment Segment::createNamed(const Kel::Name& name, std::size_t size) {
    const Kel::Name object = objectName(name);
+   refuseForeignObject(object, name);
    // A segment left by an earlier writer is replaced, not reused: readers that
-   // still map it keep their view of it, new readers find the new one.
-   shm_unlink(object.c_str());
-   const int fd = shm_open(object.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, 0600);
-   if (fd < 0) {
-      throwSystem(errno, "shm_open " + object);
+   // still map it keep their view of it and can tell that the name moved on;
+   // new readers find the new one.
+   if (shm_unlink(object.c_str()) != 0 && errno != ENOENT) {
+      throwSystem(errno, "shm_unlink " + object);
    }
-   if (ftruncate(fd, static_cast<off_t>(size)) != 0) {
+   const int fd = shm_open(object.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC, objectMode);
+   if (fd < 0) {
+      const int err = errno;
+      if (err == EEXIST) {
+         throw MountError(MountProblem::system,
+                          "table '" + name + "' was created by another process meanwhile");
+      }
+      throwSystem(err, "shm_open " + object);
+   }
+   // shm_open applies the umask to the mode; readers of other users need its
+   // read bits whatever the umask is.
+   const char* step = fchmod(fd, objectMode) != 0                    ? "fchmod "
+                      : ftruncate(fd, static_cast<off_t>(size)) != 0 ? "ftruncate "
+                                                                     : nullptr;
+   if (step) {
       const int err = errno;
       close(fd);
       shm_unlink(object.c_str());
-      throwSystem(err, "ftruncate " + object);
+      throwSystem(err, step + object);
    }
-   return map(fd, name, size, true);
+   return map(fd, name, size, true, true);
 }
 
 Segment Segment::createAnonymous(const Kel::Name& label, std::size_t size) {
@@ -110,14 +192,12 @@ Segment Segment::createAnonymous(const Kel::Name& label, std::size_t size) {
       close(fd);
       throwSystem(err, "ftruncate " + label);
    }
-   return map(fd, label, size, true);
+   return map(fd, label, size, true, false);
 }
 
 Segment Segment::openNamed(const Kel::Name& name) {
    const Kel::Name object = objectName(name);
-   // Read-write open, read-only mapping: a reader needs write access only to
-   // the one page it later makes writable (writableRangeIs).
-   const int fd = shm_open(object.c_str(), O_RDWR | O_CLOEXEC, 0);
+   const int fd = shm_open(object.c_str(), O_RDONLY | O_CLOEXEC, 0);
    if (fd < 0) {
       const int err = errno;
       if (err == ENOENT) {
@@ -135,26 +215,45 @@ Segment Segment::openNamed(const Kel::Name& name) {
       close(fd);
       throw MountError(MountProblem::missing, "table '" + name + "' is not created yet");
    }
-   return map(fd, name, static_cast<std::size_t>(st.st_size), false);
+   return map(fd, name, static_cast<std::size_t>(st.st_size), false, true);
 }
 
 Segment Segment::readOnlyView() const {
-   const int fd = dup(fd_);
+   // Reopening the descriptor's /proc link opens the same object anew, with
+   // read-only access of its own, where dup() would share the writer's.
+   const Kel::String link = "/proc/self/fd/" + std::to_string(fd_);
+   const int fd = open(link.c_str(), O_RDONLY | O_CLOEXEC);
    if (fd < 0) {
-      throwSystem(errno, "dup " + name_);
+      throwSystem(errno, "open " + link + " for " + name_);
    }
-   return map(fd, name_, size_, false);
+   return map(fd, name_, size_, false, named_);
 }
 
 void Segment::remove(const Kel::Name& name) {
    shm_unlink(objectName(name).c_str());
 }
 
-void Segment::writableRangeIs(std::size_t offset, std::size_t length) {
-   KEL_ASSERT(offset + length <= size_);
-   if (mprotect(data_ + offset, length, PROT_READ | PROT_WRITE) != 0) {
-      throwSystem(errno, "mprotect " + name_);
+bool Segment::nameRefersHere() const {
+   if (!named_) {
+      return true;
    }
+   const Kel::Name object = objectName(name_);
+   const int fd = shm_open(object.c_str(), O_RDONLY | O_CLOEXEC, 0);
+   if (fd < 0) {
+      const int err = errno;
+      if (err == ENOENT) {
+         return false;
+      }
+      throwSystem(err, "shm_open " + object);
+   }
+   struct stat st {};
+   const bool statted = fstat(fd, &st) == 0;
+   const int err = errno;
+   close(fd);
+   if (!statted) {
+      throwSystem(err, "fstat " + object);
+   }
+   return st.st_dev == device_ && st.st_ino == inode_;
 }
 
 }  // namespace Vorpa

@@ -38,6 +38,7 @@ class TableReader {
       return TableReader(writer.segment().readerView(tableShape<Key, Value>()));
    }
 
+   const TableSegment& segment() const { return segment_; }
    const Kel::Name& name() const { return segment_.name(); }
    Kel::U32 capacity() const { return geometry().capacity; }
    // The writer's counters, as it last stored them.
@@ -75,6 +76,13 @@ class TableReader {
 
    // False once the header no longer matches what was checked at mount.
    bool headerIntact() const { return segment_.identityIntact(); }
+
+   // Whether the table's name still refers to the segment this reader
+   // mounted: false once the writer restarted (it replaces the segment, which
+   // this reader goes on seeing, frozen) or the segment was removed; then
+   // mount() again to follow the table. Costs an open and a stat, not a
+   // mount: cheap enough for every wake-up of a watching reader.
+   bool live() const { return segment_.nameRefersHere(); }
 
    Kel::U64 changeSeq() const { return Vorpa::changeSeq(segment_); }
 

@@ -1,7 +1,5 @@
 #include "Vorpa/TableSegment.h"
 
-#include <unistd.h>
-
 #include <bit>
 #include <cstring>
 #include <string>
@@ -62,9 +60,6 @@ TableSegment TableSegment::readerView(const TableShape& shape) const {
 
 TableSegment TableSegment::checkAndAdopt(Segment segment, const TableShape& shape) {
    const Kel::Name& name = segment.name();
-   if (sysconf(_SC_PAGESIZE) != static_cast<long>(pageSize)) {
-      refuse(MountProblem::system, name, "needs 4096-byte pages");
-   }
    if (segment.size() < slotsOffset) {
       refuse(MountProblem::corrupt, name, "is too small for a table header");
    }
@@ -100,7 +95,6 @@ TableSegment TableSegment::checkAndAdopt(Segment segment, const TableShape& shap
        stored.segmentSize != segment.size()) {
       refuse(MountProblem::corrupt, name, "has a header that does not match its size");
    }
-   segment.writableRangeIs(waiterBlockOffset, pageSize);
    TableSegment t;
    t.segment_ = std::move(segment);
    t.geometry_ = stored;

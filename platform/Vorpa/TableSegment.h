@@ -29,9 +29,6 @@ class TableSegment {
    const Geometry& geometry() const { return geometry_; }
 
    SegmentHeader& header() const { return *reinterpret_cast<SegmentHeader*>(segment_.data()); }
-   WaiterBlock& waiterBlock() const {
-      return *reinterpret_cast<WaiterBlock*>(segment_.data() + waiterBlockOffset);
-   }
    std::byte* slot(Kel::U32 index) const {
       return segment_.data() + slotsOffset + geometry_.slotStride * index;
    }
@@ -48,6 +45,8 @@ class TableSegment {
 
    // False once the shared identity no longer matches the one checked at mount.
    bool identityIntact() const;
+   // See Segment::nameRefersHere().
+   bool nameRefersHere() const { return segment_.nameRefersHere(); }
 
  private:
    static TableSegment initialize(Segment segment, const TableShape& shape, const Geometry& g);

@@ -84,6 +84,7 @@ class ChildProcess {
       return Result{code, std::exchange(outBuffer_, {}), err};
    }
    void signal(int sig) { kill(pid_, sig); }
+   pid_t pid() const { return pid_; }
 
    static Result run(const std::vector<std::string>& args) { return ChildProcess(args).finish(); }
 

@@ -1,4 +1,8 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cctype>
 #include <nlohmann/json.hpp>
@@ -6,6 +10,7 @@
 #include "Ipfix/CollectorStatsUpdate.h"
 #include "Kel/System.h"
 #include "StatsReport.h"
+#include "support/FutexSleeper.h"
 #include "support/ScopedTableName.h"
 #include "support/SegmentBytes.h"
 #include "tools/ChildProcess.h"
@@ -205,12 +210,8 @@ TEST_F(IpfixStatsTest, WatchPrintsAgainAfterEveryChange) {
                                : exporters[0]["collectors"][0]["messages"];
    };
    const auto waitUntilAsleep = [&] {
-      const auto& sleepers = stats->statsControl().segment().waiterBlock().sleepers;
-      const Kel::Seconds limit = Kel::SystemClock().monotonic() + 60;
-      while (sleepers.load() == 0 && Kel::SystemClock().monotonic() < limit) {
-         sched_yield();
-      }
-      ASSERT_EQ(sleepers.load(), 1u) << "the watch does not sleep on the table";
+      ASSERT_TRUE(TestSupport::waitUntilAsleepInFutex(watch.pid()))
+          << "the watch does not sleep on the table";
    };
    const SetCount one[] = {{SetId(256), 1}};
    const CollectorInfo other = collector("192.0.2.7:2055");
@@ -227,6 +228,107 @@ TEST_F(IpfixStatsTest, WatchPrintsAgainAfterEveryChange) {
    const ChildProcess::Result end = watch.finish();
    EXPECT_EQ(end.exitCode, 0) << "an interrupted watch ends cleanly: " << end.err;
    EXPECT_EQ(end.out, "");
+}
+
+// An agent's stand-in in a process of its own: it creates the statistics
+// table `name` with one collector entry of tracker `tracker`, then runs until
+// stopped.
+class StatsWriterProcess {
+ public:
+   StatsWriterProcess(const std::string& name, const std::string& tracker) {
+      int ready[2];
+      int release[2];
+      if (pipe2(ready, O_CLOEXEC) != 0 || pipe2(release, O_CLOEXEC) != 0) {
+         throw std::runtime_error("pipe");
+      }
+      pid_ = fork();
+      if (pid_ == 0) {
+         close(ready[0]);
+         close(release[1]);
+         int code = 0;
+         try {
+            const auto stats = Vorpa::Ipfix::collectorStatisticsFactory(name, 16);
+            stats->statsIs(Vorpa::Ipfix::CollectorStatisticsEntry(
+                Vorpa::Ipfix::CollectorStatisticsKey(tracker, "exp1", collector("192.0.2.1:1"))));
+            char byte = 'r';
+            static_cast<void>(write(ready[1], &byte, 1));
+            static_cast<void>(read(release[0], &byte, 1));
+         } catch (...) {
+            code = 1;
+         }
+         _exit(code);
+      }
+      close(ready[1]);
+      close(release[0]);
+      release_ = release[1];
+      char byte = 0;
+      started_ = read(ready[0], &byte, 1) == 1;
+      close(ready[0]);
+   }
+   ~StatsWriterProcess() { stop(true); }
+   StatsWriterProcess(const StatsWriterProcess&) = delete;
+   StatsWriterProcess& operator=(const StatsWriterProcess&) = delete;
+
+   bool started() const { return started_; }
+   // Ends the writer: it exits on its own, or is killed as by a crash.
+   void stop(bool killed) {
+      if (pid_ <= 0) {
+         return;
+      }
+      if (killed) {
+         kill(pid_, SIGKILL);
+      }
+      close(release_);
+      waitpid(pid_, nullptr, 0);
+      pid_ = -1;
+   }
+
+ private:
+   pid_t pid_ = -1;
+   int release_ = -1;
+   bool started_ = false;
+};
+
+// A restarted agent replaces the table's segment: a watch goes on with the
+// new one and a one-shot run reads the new one, whether the old writer exited
+// or was killed.
+TEST(IpfixStatsRestart, WatchFollowsARestartedWriter) {
+   for (const bool killed : {false, true}) {
+      SCOPED_TRACE(killed ? "writer killed" : "writer exited");
+      const TestSupport::ScopedTableName name("restart");
+      auto writer = std::make_unique<StatsWriterProcess>(name, "ft-first");
+      ASSERT_TRUE(writer->started());
+      ChildProcess watch({ipfixStats, "--watch", "--json", "--table", name.str()});
+      // The tracker of the next report that has one: a watch may also report
+      // the new table before its writer filled it.
+      const auto nextTracker = [&]() -> std::string {
+         for (int report = 0; report < 4; ++report) {
+            const auto line = watch.readLine();
+            if (!line) {
+               return "(watch ended)";
+            }
+            const auto trackers = nlohmann::json::parse(*line)["trackers"];
+            if (!trackers.empty()) {
+               return trackers[0]["name"];
+            }
+         }
+         return "(no tracker)";
+      };
+      EXPECT_EQ(nextTracker(), "ft-first");
+      writer->stop(killed);
+      writer = std::make_unique<StatsWriterProcess>(name, "ft-second");
+      ASSERT_TRUE(writer->started());
+      EXPECT_EQ(nextTracker(), "ft-second");
+
+      const ChildProcess::Result once = ChildProcess::run({ipfixStats, "--json", "--table", name});
+      ASSERT_EQ(once.exitCode, 0) << once.err;
+      EXPECT_EQ(nlohmann::json::parse(once.out)["trackers"][0]["name"], "ft-second");
+
+      watch.signal(SIGTERM);
+      const ChildProcess::Result end = watch.finish();
+      EXPECT_EQ(end.exitCode, 0) << end.err;
+      EXPECT_EQ(end.out, "");
+   }
 }
 
 TEST(IpfixStatsErrors, OneLineAndADistinctExitCodeEach) {

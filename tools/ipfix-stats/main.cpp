@@ -11,6 +11,7 @@
 #include "ClearCommand.h"
 #include "ExitCode.h"
 #include "Kel/System.h"
+#include "LiveTable.h"
 #include "StatsSnapshot.h"
 
 namespace {
@@ -53,22 +54,38 @@ void print(const IpfixStats::Snapshot& snapshot, const Options& options) {
    std::cout.flush();
 }
 
+// How often a watch with nothing to print checks that its table is still the
+// live one, so that it follows a restarted agent within that time.
+constexpr Kel::Seconds liveCheckInterval = 0.5;
+// A writer restarting while a snapshot is taken leaves it on a segment that
+// nobody writes any more; it is taken again from the new one, a few times at
+// most.
+constexpr int maxRemounts = 3;
+
 ExitCode run(const Options& options) {
-   const auto reader = Vorpa::Ipfix::CollectorStatisticsReader::mount(options.table);
+   IpfixStats::LiveTable table(options.table);
    // The sequence is taken before each snapshot, so a change made while it is
    // taken brings another one.
-   Kel::U64 cursor = reader.changeSeq();
-   print(IpfixStats::takeSnapshot(reader), options);
+   Kel::U64 cursor = table.reader().changeSeq();
+   IpfixStats::Snapshot snapshot = IpfixStats::takeSnapshot(table.reader());
+   for (int remount = 0; remount < maxRemounts && table.refresh(); ++remount) {
+      cursor = table.reader().changeSeq();
+      snapshot = IpfixStats::takeSnapshot(table.reader());
+   }
+   print(snapshot, options);
    if (options.watch) {
       installStopHandlers();
    }
    while (options.watch && !stopRequested) {
-      if (reader.waitForChange(cursor)) {
-         cursor = reader.changeSeq();
+      // A replaced segment changes no more, so its watch times out and finds
+      // the new one.
+      if (table.reader().waitForChange(cursor, liveCheckInterval) ||
+          (!stopRequested && table.refresh())) {
+         cursor = table.reader().changeSeq();
          if (!options.json) {
             std::cout << '\n';
          }
-         print(IpfixStats::takeSnapshot(reader), options);
+         print(IpfixStats::takeSnapshot(table.reader()), options);
       }
    }
    return IpfixStats::exitOk;
