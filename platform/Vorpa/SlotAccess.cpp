@@ -31,8 +31,9 @@ bool validState(Kel::U32 state) {
 // Runs `read` until the slot's sequence was even and the same before and
 // after it, so that what it read belongs to one write.
 template <class Read>
-ReadStatus readStable(const SlotHeader& h, Read&& read) {
-   for (int attempt = 0; attempt < maxAttempts; backOff(attempt++)) {
+ReadStatus readStable(const SlotHeader& h, Patience patience, Read&& read) {
+   const int attempts = patience == Patience::wait ? maxAttempts : 1;
+   for (int attempt = 0; attempt < attempts; backOff(attempt++)) {
       const Kel::U32 before = h.seq.load(std::memory_order_acquire);
       if (before & 1) {
          continue;
@@ -52,11 +53,11 @@ void slotBytesCopy(void* to, const void* from, std::size_t size) {
    std::memcpy(to, from, size);
 }
 
-ReadStatus slotPeek(const std::byte* slot, SlotView* view) {
+ReadStatus slotPeek(const std::byte* slot, SlotView* view, Patience patience) {
    const auto& h = *reinterpret_cast<const SlotHeader*>(slot);
    Kel::U32 state = 0;
    Kel::U64 keyHash = 0;
-   const ReadStatus status = readStable(h, [&] {
+   const ReadStatus status = readStable(h, patience, [&] {
       state = h.state;
       keyHash = h.keyHash;
    });
@@ -70,13 +71,14 @@ ReadStatus slotPeek(const std::byte* slot, SlotView* view) {
    return ReadStatus::ok;
 }
 
-ReadStatus slotCopy(const std::byte* slot, const Geometry& g, void* stored, SlotView* view) {
+ReadStatus slotCopy(const std::byte* slot, const Geometry& g, void* stored, SlotView* view,
+                    Patience patience) {
    const auto& h = *reinterpret_cast<const SlotHeader*>(slot);
    Kel::U32 state = 0;
    Kel::U64 keyHash = 0;
    Kel::U64 expected = 0;
    Kel::U64 computed = 0;
-   const ReadStatus status = readStable(h, [&] {
+   const ReadStatus status = readStable(h, patience, [&] {
       state = h.state;
       keyHash = h.keyHash;
       expected = h.checksum;

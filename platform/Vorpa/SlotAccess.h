@@ -44,6 +44,12 @@ inline void slotClose(std::byte* slot, const Geometry& g) {
 // is several times slower here than the C library's vectorised memcpy.
 void slotBytesCopy(void* to, const void* from, std::size_t size);
 
+// How long a reader waits for a slot the writer holds open: its full share,
+// or one look. A writer holds one slot at a time, so a scan that met a slot
+// held open for the full wait looks only once at the next ones: a writer that
+// died, or a damaged segment, costs one wait per scan, not one per slot.
+enum class Patience { wait, glance };
+
 // What a reader learns of a slot before copying it.
 struct SlotView {
    SlotState state;
@@ -52,11 +58,12 @@ struct SlotView {
 
 // State and key hash only, for probing: cheap, but not checked against the
 // checksum. corrupt for a state that cannot be.
-ReadStatus slotPeek(const std::byte* slot, SlotView* view);
+ReadStatus slotPeek(const std::byte* slot, SlotView* view, Patience patience = Patience::wait);
 
 // A consistent copy of the stored object into `stored` (the geometry's size),
 // checked against the checksum. The copy holds the slot only when the result
 // is ok.
-ReadStatus slotCopy(const std::byte* slot, const Geometry& g, void* stored, SlotView* view);
+ReadStatus slotCopy(const std::byte* slot, const Geometry& g, void* stored, SlotView* view,
+                    Patience patience = Patience::wait);
 
 }  // namespace Vorpa

@@ -150,8 +150,10 @@ class TableReader {
       return ReadStatus::notFound;
    }
 
-   ReadStatus copy(Kel::U32 index, Stored& stored, SlotView& view) const {
-      const ReadStatus status = slotCopy(segment_.slot(index), geometry(), &stored, &view);
+   ReadStatus copy(Kel::U32 index, Stored& stored, SlotView& view,
+                   Patience patience = Patience::wait) const {
+      const ReadStatus status =
+          slotCopy(segment_.slot(index), geometry(), &stored, &view, patience);
       if (status == ReadStatus::ok && view.state == SlotState::live &&
           !(sharedValid(Layout::keyOf(stored)) && sharedValid(Layout::valueOf(stored)))) {
          return ReadStatus::corrupt;
@@ -163,11 +165,12 @@ class TableReader {
    ScanResult scan(bool everySlot, F&& f) const {
       ScanResult result;
       Stored stored;
+      Patience patience = Patience::wait;
       for (Kel::U32 i = 0; i < geometry().slotCount; ++i) {
          SlotView view{};
-         ReadStatus status = slotPeek(segment_.slot(i), &view);
+         ReadStatus status = slotPeek(segment_.slot(i), &view, patience);
          if (status == ReadStatus::ok && (everySlot || view.state == SlotState::live)) {
-            status = copy(i, stored, view);
+            status = copy(i, stored, view, patience);
          }
          switch (status) {
             case ReadStatus::ok:
@@ -178,6 +181,7 @@ class TableReader {
                break;
             case ReadStatus::busy:
                ++result.busy;
+               patience = Patience::glance;
                break;
             default:
                ++result.corrupt;
