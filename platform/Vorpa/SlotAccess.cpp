@@ -2,6 +2,7 @@
 
 #include <sched.h>
 
+#include <chrono>
 #include <cstring>
 
 namespace Vorpa {
@@ -10,18 +11,16 @@ namespace {
 
 // How long a reader waits for a slot the writer holds open: the first tries
 // spin (a write takes well under a microsecond), the rest give the processor
-// to the writer, which may have been preempted in the middle of one.
+// to the writer, which may have been preempted in the middle of one, until a
+// millisecond has passed. The bound is time, not tries: on a loaded machine
+// one sched_yield can cost a whole time slice.
 constexpr int spinAttempts = 64;
-constexpr int maxAttempts = 1024;
+constexpr std::chrono::milliseconds maxWait{1};
 
-void backOff(int attempt) {
-   if (attempt < spinAttempts) {
+void spin() {
 #if defined(__x86_64__) || defined(__i386__)
-      __builtin_ia32_pause();
+   __builtin_ia32_pause();
 #endif
-   } else {
-      sched_yield();
-   }
 }
 
 bool validState(Kel::U32 state) {
@@ -32,19 +31,31 @@ bool validState(Kel::U32 state) {
 // after it, so that what it read belongs to one write.
 template <class Read>
 ReadStatus readStable(const SlotHeader& h, Patience patience, Read&& read) {
-   const int attempts = patience == Patience::wait ? maxAttempts : 1;
-   for (int attempt = 0; attempt < attempts; backOff(attempt++)) {
+   std::chrono::steady_clock::time_point giveUpAt;
+   for (int attempt = 0;; ++attempt) {
       const Kel::U32 before = h.seq.load(std::memory_order_acquire);
-      if (before & 1) {
+      if ((before & 1) == 0) {
+         read();
+         std::atomic_thread_fence(std::memory_order_acquire);
+         if (h.seq.load(std::memory_order_relaxed) == before) {
+            return ReadStatus::ok;
+         }
+      }
+      if (patience == Patience::glance) {
+         return ReadStatus::busy;
+      }
+      if (attempt < spinAttempts) {
+         spin();
          continue;
       }
-      read();
-      std::atomic_thread_fence(std::memory_order_acquire);
-      if (h.seq.load(std::memory_order_relaxed) == before) {
-         return ReadStatus::ok;
+      const auto now = std::chrono::steady_clock::now();
+      if (attempt == spinAttempts) {
+         giveUpAt = now + maxWait;
+      } else if (now >= giveUpAt) {
+         return ReadStatus::busy;
       }
+      sched_yield();
    }
-   return ReadStatus::busy;
 }
 
 }  // namespace

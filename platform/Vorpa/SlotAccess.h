@@ -10,7 +10,7 @@
 // changes it and closes it (even sequence, fresh checksum); a reader copies a
 // slot and keeps the copy only if the sequence was even and unchanged around
 // it, then checks the checksum. A reader never waits for the writer beyond a
-// bounded number of retries.
+// bounded time (about a millisecond per scan).
 namespace Vorpa {
 
 inline SlotHeader& slotHeaderOf(std::byte* slot) {

@@ -6,9 +6,9 @@ namespace IpfixStats {
 
 namespace {
 
-// Scans again while the writer holds entries open; each scan already waits a
-// while for every open entry, so an entry still open after these is one a
-// dead writer left behind.
+// Scans again while the writer holds entries open; each scan already waits up
+// to a millisecond for an open entry, so an entry still open after these is
+// one a dead writer left behind.
 constexpr int maxScans = 8;
 
 }  // namespace
