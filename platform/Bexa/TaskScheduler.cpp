@@ -9,6 +9,7 @@
 #include "Kel/Exception.h"
 #include "Kel/System.h"
 #include "Kel/Trace.h"
+#include "Kel/TurnEnd.h"
 
 namespace Bexa {
 
@@ -171,6 +172,7 @@ void TaskScheduler::runTask(Task& task, Kel::Seconds now) {
                 current_ ? current_->name() : Kel::Name("(destroyed)"), e.what());
    }
    current_ = outer;
+   Kel::turnEnd();
 }
 
 void TaskSchedulerRoot::run() {
@@ -181,6 +183,7 @@ void TaskSchedulerRoot::run() {
       }
       const auto next = nextDeadline();
       if (!next && fdWatches_.empty() && Kel::System::clockSource().isVirtual()) {
+         Kel::turnEnd();
          return;  // virtual time with nothing left that could ever run
       }
       waitUntil(next);
@@ -200,12 +203,16 @@ void TaskSchedulerRoot::runFor(Kel::Seconds seconds) {
       } else if (Kel::System::currentTime() < end) {
          waitUntil(end);
       } else {
+         Kel::turnEnd();
          return;
       }
    }
 }
 
 void TaskSchedulerRoot::waitUntil(std::optional<Kel::Seconds> deadline) {
+   // What was deferred outside any task (a reactor run by a caller's change)
+   // is not left waiting with the loop.
+   Kel::turnEnd();
    if (deadline) {
       const Kel::Seconds now = Kel::System::currentTime();
       if (*deadline <= now) {

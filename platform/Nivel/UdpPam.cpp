@@ -9,6 +9,7 @@
 
 #include "Kel/Exception.h"
 #include "Kel/Trace.h"
+#include "Nivel/TxBatch.h"
 
 namespace Nivel {
 
@@ -23,21 +24,6 @@ UdpPam::Faults& faults() {
 
 int injected(const std::function<int(const UdpPam&)>& hook, const UdpPam& pam) {
    return hook ? hook(pam) : 0;
-}
-
-// Room for a packet-info and a ToS/traffic-class control message of either
-// family.
-constexpr std::size_t controlSpace = CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof(int));
-
-// Appends one control message behind those already in msg's control buffer.
-template <class T>
-void addControl(msghdr& msg, int level, int type, const T& value) {
-   auto* at = reinterpret_cast<cmsghdr*>(static_cast<char*>(msg.msg_control) + msg.msg_controllen);
-   at->cmsg_level = level;
-   at->cmsg_type = type;
-   at->cmsg_len = CMSG_LEN(sizeof(T));
-   std::memcpy(CMSG_DATA(at), &value, sizeof(T));
-   msg.msg_controllen += CMSG_SPACE(sizeof(T));
 }
 
 }  // namespace
@@ -123,6 +109,10 @@ void UdpPam::open() {
 }
 
 void UdpPam::close() {
+   // Datagrams handed over before the close still go out.
+   if (queued_ > 0) {
+      txFlush();
+   }
    if (fd_ >= 0) {
       ::close(fd_);
       fd_ = -1;
@@ -130,65 +120,62 @@ void UdpPam::close() {
    }
 }
 
-Kel::String UdpPam::destinationString() const {
-   return ipv6En_ ? Ip6AndPort{txDstIp6Addr_, txPort_}.str()
-                  : IpAndPort{txDstIpAddr_, txPort_}.str();
-}
-
 bool UdpPam::tx(const Pkt& pkt) {
    // The datagram is addressed before the fault hook runs: whatever the hook
    // does to this socket's settings (a test's hook may change configuration,
    // which sends on this socket) applies to later datagrams, not this one.
-   sockaddr_storage dst{};
-   socklen_t dstLen = 0;
-   alignas(cmsghdr) char control[controlSpace] = {};
-   iovec iov{const_cast<Kel::U8*>(pkt.data()), pkt.bytes()};
-   msghdr msg{};
-   msg.msg_name = &dst;
-   msg.msg_iov = &iov;
-   msg.msg_iovlen = 1;
-   msg.msg_control = control;
+   const TxAddress address = txAddress();
+   const int err = fd_ < 0 ? EBADF : injected(faults().tx, *this);
+   if (err != 0) {
+      txFailed(err, address.destinationString());
+      return false;
+   }
+   TxBatch::thisThread().add(*this, address, pkt.data(), pkt.bytes());
+   return true;
+}
+
+void UdpPam::txFlush() {
+   TxBatch::thisThread().flush();
+}
+
+TxAddress UdpPam::txAddress() const {
+   TxAddress a;
    const int tos = txTos_;
    if (ipv6En_) {
-      auto* sin6 = reinterpret_cast<sockaddr_in6*>(&dst);
-      sin6->sin6_family = AF_INET6;
-      sin6->sin6_addr = txDstIp6Addr_.in6Addr();
-      sin6->sin6_port = htons(txPort_);
-      dstLen = sizeof *sin6;
+      a.destination.v6.sin6_family = AF_INET6;
+      a.destination.v6.sin6_addr = txDstIp6Addr_.in6Addr();
+      a.destination.v6.sin6_port = htons(txPort_);
+      a.destinationLength = sizeof a.destination.v6;
       if (!txSrcIp6Addr_.isUnspecified()) {
          in6_pktinfo info{};
          info.ipi6_addr = txSrcIp6Addr_.in6Addr();
-         addControl(msg, IPPROTO_IPV6, IPV6_PKTINFO, info);
+         a.controlAdd(IPPROTO_IPV6, IPV6_PKTINFO, info);
       }
-      addControl(msg, IPPROTO_IPV6, IPV6_TCLASS, tos);
+      a.controlAdd(IPPROTO_IPV6, IPV6_TCLASS, tos);
    } else {
-      auto* sin = reinterpret_cast<sockaddr_in*>(&dst);
-      sin->sin_family = AF_INET;
-      sin->sin_addr = txDstIpAddr_.inAddr();
-      sin->sin_port = htons(txPort_);
-      dstLen = sizeof *sin;
+      a.destination.v4.sin_family = AF_INET;
+      a.destination.v4.sin_addr = txDstIpAddr_.inAddr();
+      a.destination.v4.sin_port = htons(txPort_);
+      a.destinationLength = sizeof a.destination.v4;
       if (!txSrcIpAddr_.isUnspecified()) {
          in_pktinfo info{};
          info.ipi_spec_dst = txSrcIpAddr_.inAddr();
-         addControl(msg, IPPROTO_IP, IP_PKTINFO, info);
+         a.controlAdd(IPPROTO_IP, IP_PKTINFO, info);
       }
-      addControl(msg, IPPROTO_IP, IP_TOS, tos);
+      a.controlAdd(IPPROTO_IP, IP_TOS, tos);
    }
-   msg.msg_namelen = dstLen;
-   int err = fd_ < 0 ? EBADF : injected(faults().tx, *this);
-   if (err == 0) {
-      if (::sendmsg(fd_, &msg, 0) >= 0) {
-         ++txPkts_;
-         txBytes_ += pkt.bytes();
-         return true;
-      }
-      err = errno;
-   }
+   return a;
+}
+
+void UdpPam::txSent(Kel::U32 bytes) {
+   ++txPkts_;
+   txBytes_ += bytes;
+}
+
+void UdpPam::txFailed(int err, const Kel::String& destination) {
    ++txErrors_;
    lastTxErrno_ = err;
-   KEL_TRACE(traceNivel, 1, "{}: send to {} failed: {}", name_, destinationString(),
-             std::strerror(err));
-   return false;
+   KEL_TRACE(traceNivel, 1, "{}: send to {} failed: {}", name_, destination, std::strerror(err));
 }
 
 }  // namespace Nivel

@@ -5,14 +5,18 @@
 #include "Kel/Ptr.h"
 #include "Nivel/Addr.h"
 #include "Nivel/Pkt.h"
+#include "Nivel/TxBatch.h"
 
 namespace Nivel {
 
 // A UDP socket that sends finished packets to one destination at a time, from
 // a chosen source address and with a chosen ToS / traffic class, both carried
 // as ancillary data of each send. It binds an ephemeral local port when
-// opened. A failed send is counted and traced, never thrown: one unreachable
-// collector must not stop the sends to the others.
+// opened. Sends are batched: a packet handed over is copied, and goes out with
+// the others of the thread at the end of the scheduler's turn (or once a batch
+// is full, or at txFlush()), in the order handed over. A failed send is
+// counted and traced, never thrown: one unreachable collector must not stop
+// the sends to the others.
 class UdpPam : public Kel::PtrInterface {
  public:
    // Test seams: each hook returns the errno value to fail the operation with,
@@ -57,9 +61,13 @@ class UdpPam : public Kel::PtrInterface {
    Port txPort() const { return txPort_; }
    DscpValue txTos() const { return txTos_; }
 
-   // Sends the packet's data to the current destination. False when the send
-   // failed (counted in txErrors, errno kept in lastTxErrno).
+   // Hands the packet's data over for the current destination. False when it
+   // cannot be (the socket is closed); a send that fails later is counted
+   // then. Failures are counted in txErrors, with errno kept in lastTxErrno;
+   // txPkts and txBytes count what was sent.
    bool tx(const Pkt& pkt);
+   // Sends what the sockets of this thread were handed, now.
+   static void txFlush();
 
    Kel::U64 txPkts() const { return txPkts_; }
    Kel::U64 txBytes() const { return txBytes_; }
@@ -67,9 +75,13 @@ class UdpPam : public Kel::PtrInterface {
    int lastTxErrno() const { return lastTxErrno_; }
 
  private:
+   friend class TxBatch;
+
    void open();
    void close();
-   Kel::String destinationString() const;
+   TxAddress txAddress() const;
+   void txSent(Kel::U32 bytes);
+   void txFailed(int err, const Kel::String& destination);
 
    Kel::Name name_;
    bool ipv6En_ = false;
@@ -88,6 +100,8 @@ class UdpPam : public Kel::PtrInterface {
    Kel::U64 txBytes_ = 0;
    Kel::U64 txErrors_ = 0;
    int lastTxErrno_ = 0;
+   // Datagrams of this socket waiting in the thread's batch.
+   std::size_t queued_ = 0;
 };
 
 }  // namespace Nivel

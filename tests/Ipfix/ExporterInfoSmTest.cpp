@@ -253,6 +253,7 @@ TEST_F(ExporterTest, SendPathWritesSourceDestinationAndUnshiftedTos) {
                           rx4.ipAndPort(), 0xB8);
    FlowTracking::sendPkt6(pkt, info()->udpPam6(), *Nivel::Ip6Addr::parse("::1"), rx6.ip6AndPort(),
                           0x2E);
+   sched_->runFor(0);
    const auto d4 = rx4.receive();
    const auto d6 = rx6.receive();
    ASSERT_TRUE(d4 && d6);

@@ -121,6 +121,7 @@ TEST_F(TemplateExportTest, LateCollectorPeriodAndFlowGroupChange) {
    // A collector added later gets both messages at once; the others nothing.
    auto& late = receiver(false);
    exp_->collectorIpAndPortIs("late", late.ipAndPort());
+   sched_->runFor(0);
    const Learnt first = learn(late, 7);
    EXPECT_EQ(first.data, expectedDataTemplates);
    EXPECT_EQ(first.options, expectedOptionsTemplates);
@@ -191,12 +192,14 @@ TEST_F(TemplateExportTest, PeriodIsTemplateIntervalInWholeSeconds) {
    for (const auto& c : cases) {
       SCOPED_TRACE(c.intervalMs);
       exp_->templateIntervalIs(c.intervalMs);  // sends at once and restarts the period
+      sched_->runFor(0);
       EXPECT_EQ(learn(rx4_, 7).datagrams.size(), 2u);
       sched_->runFor(c.quietFor);
       EXPECT_TRUE(rx4_.receiveAll().empty());
       sched_->runFor(c.resentBy - c.quietFor);
       EXPECT_EQ(learn(rx4_, 7).datagrams.size(), 2u);
       exp_->templateIntervalIs(3600000);
+      sched_->runFor(0);
       learn(rx4_, 7);
    }
 }

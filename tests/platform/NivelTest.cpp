@@ -2,9 +2,14 @@
 
 #include <cerrno>
 #include <cstring>
+#include <string>
+#include <vector>
 
+#include "Bexa/TaskScheduler.h"
 #include "Kel/Exception.h"
+#include "Kel/System.h"
 #include "Nivel/Addr.h"
+#include "Nivel/TxBatch.h"
 #include "Nivel/UdpPam.h"
 #include "support/UdpReceiver.h"
 
@@ -75,6 +80,7 @@ TEST(UdpPam, SendsFromSourceWithTosToEachFamily) {
       pam->txPortIs(receiver.port());
       pam->txTosIs(static_cast<Nivel::DscpValue>(c.tos));
       EXPECT_TRUE(pam->tx(*payload("ipfix")));
+      Nivel::UdpPam::txFlush();
 
       const auto d = receiver.receive();
       ASSERT_TRUE(d.has_value());
@@ -109,6 +115,7 @@ TEST(UdpPam, FailuresAreCountedNotThrown) {
    pam->txPortIs(receiver.port());
    EXPECT_TRUE(pam->tx(*payload("kept")));
    Nivel::UdpPam::faultsIs({});
+   Nivel::UdpPam::txFlush();
    EXPECT_EQ(pam->txErrors(), 2u);
    EXPECT_EQ(pam->txPkts(), 1u);
    ASSERT_EQ(receiver.receiveAll().size(), 1u);
@@ -128,6 +135,108 @@ TEST(UdpPam, OpenFailureThrowsAndLeavesItClosed) {
    EXPECT_EQ(pam->rxPort(), 0);
    pam->modeIs(1);
    EXPECT_EQ(pam->mode(), 1);
+}
+
+// Two sockets to two receivers, their datagrams interleaved: what each
+// receiver gets, in order, and what each socket counts.
+class UdpPamBatch : public ::testing::Test {
+ protected:
+   UdpPamBatch() {
+      for (int i = 0; i < 2; ++i) {
+         pam_[i] = Nivel::UdpPam::UdpPamIs(fmt::format("udpPam4-batch{}", i));
+         pam_[i]->modeIs(1);
+         pam_[i]->txDstIpAddrIs(rx_[i].ipAndPort().ip);
+         pam_[i]->txPortIs(rx_[i].port());
+      }
+   }
+
+   // Hands datagram `text` to socket `i`.
+   void tx(int i, const std::string& text) { EXPECT_TRUE(pam_[i]->tx(*payload(text.c_str()))); }
+
+   std::vector<std::string> received(int i) {
+      std::vector<std::string> texts;
+      for (const auto& d : rx_[i].receiveAll()) {
+         texts.emplace_back(d.payload.begin(), d.payload.end());
+      }
+      return texts;
+   }
+
+   TestSupport::UdpReceiver rx_[2] = {TestSupport::UdpReceiver(false),
+                                      TestSupport::UdpReceiver(false)};
+   Kel::Ptr<Nivel::UdpPam> pam_[2];
+};
+
+TEST_F(UdpPamBatch, HandedOverDatagramsLeaveInOrderAtTheFlush) {
+   std::vector<std::string> expected[2];
+   for (int n = 0; n < 10; ++n) {
+      const int i = n % 3 == 0 ? 1 : 0;
+      expected[i].push_back(fmt::format("d{}", n));
+      tx(i, expected[i].back());
+   }
+   EXPECT_EQ(pam_[0]->txPkts(), 0u) << "counted when sent, not when handed over";
+   EXPECT_TRUE(rx_[0].receiveAll().empty());
+   Nivel::UdpPam::txFlush();
+   for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(received(i), expected[i]);
+      EXPECT_EQ(pam_[i]->txPkts(), expected[i].size());
+      EXPECT_EQ(pam_[i]->txBytes(), 2 * expected[i].size());
+   }
+}
+
+TEST_F(UdpPamBatch, AFullBatchLeavesWithoutWaitingForTheFlush) {
+   const std::size_t full = Nivel::TxBatch::capacity;
+   std::vector<std::string> expected;
+   for (std::size_t n = 0; n <= full; ++n) {
+      expected.push_back(fmt::format("{:03}", n));
+      tx(0, expected.back());
+   }
+   EXPECT_EQ(received(0), std::vector<std::string>(expected.begin(), expected.begin() + full));
+   Nivel::UdpPam::txFlush();
+   EXPECT_EQ(received(0), std::vector<std::string>{expected.back()});
+}
+
+TEST_F(UdpPamBatch, AFailedDatagramIsCountedAndTheRestOfTheBatchStillGoes) {
+   tx(0, "a1");
+   tx(1, "b1");
+   pam_[0]->txPortIs(0);  // the kernel refuses port 0 at the send
+   tx(0, "lost");
+   pam_[0]->txPortIs(rx_[0].port());
+   tx(0, "a2");
+   tx(1, "b2");
+   Nivel::UdpPam::txFlush();
+   EXPECT_EQ(received(0), (std::vector<std::string>{"a1", "a2"}));
+   EXPECT_EQ(received(1), (std::vector<std::string>{"b1", "b2"}));
+   EXPECT_EQ(pam_[0]->txErrors(), 1u);
+   EXPECT_EQ(pam_[0]->lastTxErrno(), EINVAL);
+   EXPECT_EQ(pam_[0]->txPkts(), 2u);
+   EXPECT_EQ(pam_[1]->txErrors(), 0u);
+}
+
+TEST_F(UdpPamBatch, ClosingASocketSendsWhatItWasHanded) {
+   tx(0, "before close");
+   tx(1, "other");
+   pam_[0]->modeIs(0);
+   EXPECT_EQ(received(0), std::vector<std::string>{"before close"});
+   EXPECT_EQ(pam_[0]->txPkts(), 1u);
+   EXPECT_EQ(received(1), std::vector<std::string>{"other"}) << "the batch went out whole";
+}
+
+TEST_F(UdpPamBatch, TheSchedulerSendsAtTheEndOfEachTaskTurn) {
+   Kel::ScopedManualClock clock;
+   auto sched = Kel::makePtr<Bexa::TaskSchedulerRoot>();
+   std::size_t seenInTask = 0;
+   Bexa::Task task(sched, "sender", Bexa::TaskPriority{0}, [&] {
+      tx(0, "from a task");
+      seenInTask = rx_[0].receiveAll().size();
+   });
+   task.scheduleTask();
+   ASSERT_TRUE(sched->runOnce());
+   EXPECT_EQ(seenInTask, 0u);
+   EXPECT_EQ(received(0), std::vector<std::string>{"from a task"});
+
+   tx(0, "outside any task");
+   sched->runFor(0);
+   EXPECT_EQ(received(0), std::vector<std::string>{"outside any task"});
 }
 
 }  // namespace
