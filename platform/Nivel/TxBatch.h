@@ -6,9 +6,10 @@
 #include <array>
 #include <cstddef>
 #include <cstring>
-#include <vector>
 
 #include "Kel/Types.h"
+#include "Nivel/IpfixHeader.h"
+#include "Nivel/Pkt.h"
 
 namespace Nivel {
 
@@ -31,38 +32,48 @@ struct TxAddress {
    // Appends one control message behind those already there.
    template <class T>
    void controlAdd(int level, int type, const T& value);
-   Kel::String destinationString() const;
 };
 
 // The datagrams that the sockets of this thread were handed and have not sent
-// yet. They leave in the order they were handed over, with one sendmmsg per
-// run of datagrams of one socket, when the batch is full and at the end of the
-// scheduler's turn. Each datagram is copied in: callers restamp one packet for
-// every destination.
+// yet. They leave with one sendmmsg per socket, each socket's in the order
+// they were handed over, when the batch is full and at the end of the
+// scheduler's turn. Callers restamp one packet's message header for every
+// destination, so that header is copied in; the rest is only referenced, its
+// buffer held, until it is sent.
 class TxBatch {
  public:
    static constexpr std::size_t capacity = 64;
+   // The octets at the front of a datagram that are copied when handed over.
+   static constexpr Kel::U32 stampedOctets = IpfixConst::messageHeaderLen();
 
    static TxBatch& thisThread();
 
-   // Takes a copy of `bytes` octets at `data` as the next datagram of `owner`
-   // to `address`, and sends the batch once it is full.
-   void add(UdpPam& owner, const TxAddress& address, const Kel::U8* data, Kel::U32 bytes);
+   // Takes `pkt` as the next datagram of `owner` to `address`, and sends the
+   // batch once it is full.
+   void add(UdpPam& owner, const TxAddress& address, const Pkt& pkt);
    // Sends every datagram waiting and counts each success and failure on its
    // socket.
    void flush();
    std::size_t size() const { return count_; }
 
  private:
-   void flushRun(UdpPam& owner, std::size_t begin, std::size_t end);
+   struct Datagram {
+      UdpPam* owner = nullptr;
+      TxAddress address;
+      std::array<Kel::U8, stampedOctets> stamped{};
+      // stamped, then the rest of the packet in its buffer.
+      std::array<iovec, 2> iov{};
+      Kel::Ptr<PktBuffer> buffer;
+   };
+
+   // Sends header_[begin, end), all of `owner`.
+   void sendRun(UdpPam& owner, std::size_t begin, std::size_t end);
 
    std::size_t count_ = 0;
-   std::array<UdpPam*, capacity> owner_{};
-   std::array<TxAddress, capacity> address_{};
-   std::array<std::size_t, capacity> offset_{};
-   std::array<iovec, capacity> iov_{};
+   std::array<Datagram, capacity> datagram_;
+   // Filled at the flush, grouped by socket.
    std::array<mmsghdr, capacity> header_{};
-   std::vector<Kel::U8> octets_;
+   std::array<UdpPam*, capacity> runOwner_{};
 };
 
 template <class T>

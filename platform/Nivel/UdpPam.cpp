@@ -120,6 +120,11 @@ void UdpPam::close() {
    }
 }
 
+Kel::String UdpPam::destinationString() const {
+   return ipv6En_ ? Ip6AndPort{txDstIp6Addr_, txPort_}.str()
+                  : IpAndPort{txDstIpAddr_, txPort_}.str();
+}
+
 bool UdpPam::tx(const Pkt& pkt) {
    // The datagram is addressed before the fault hook runs: whatever the hook
    // does to this socket's settings (a test's hook may change configuration,
@@ -127,10 +132,10 @@ bool UdpPam::tx(const Pkt& pkt) {
    const TxAddress address = txAddress();
    const int err = fd_ < 0 ? EBADF : injected(faults().tx, *this);
    if (err != 0) {
-      txFailed(err, address.destinationString());
+      txFailed(err, destinationString());
       return false;
    }
-   TxBatch::thisThread().add(*this, address, pkt.data(), pkt.bytes());
+   TxBatch::thisThread().add(*this, address, pkt);
    return true;
 }
 

@@ -12,11 +12,11 @@ namespace Nivel {
 // A UDP socket that sends finished packets to one destination at a time, from
 // a chosen source address and with a chosen ToS / traffic class, both carried
 // as ancillary data of each send. It binds an ephemeral local port when
-// opened. Sends are batched: a packet handed over is copied, and goes out with
-// the others of the thread at the end of the scheduler's turn (or once a batch
-// is full, or at txFlush()), in the order handed over. A failed send is
-// counted and traced, never thrown: one unreachable collector must not stop
-// the sends to the others.
+// opened. Sends are batched: a packet handed over goes out with the others of
+// the thread at the end of the scheduler's turn (or once a batch is full, or
+// at txFlush()), in the order handed over. A failed send is counted and
+// traced, never thrown: one unreachable collector must not stop the sends to
+// the others.
 class UdpPam : public Kel::PtrInterface {
  public:
    // Test seams: each hook returns the errno value to fail the operation with,
@@ -61,10 +61,12 @@ class UdpPam : public Kel::PtrInterface {
    Port txPort() const { return txPort_; }
    DscpValue txTos() const { return txTos_; }
 
-   // Hands the packet's data over for the current destination. False when it
-   // cannot be (the socket is closed); a send that fails later is counted
-   // then. Failures are counted in txErrors, with errno kept in lastTxErrno;
-   // txPkts and txBytes count what was sent.
+   // Hands the packet's data over for the current destination. Its first
+   // TxBatch::stampedOctets (the message header, stamped per destination) are
+   // copied now; the rest must stay as it is until the turn ends. False when
+   // it cannot be handed over (the socket is closed); a send that fails later
+   // is counted then. Failures are counted in txErrors, with errno kept in
+   // lastTxErrno; txPkts and txBytes count what was sent.
    bool tx(const Pkt& pkt);
    // Sends what the sockets of this thread were handed, now.
    static void txFlush();
@@ -80,6 +82,7 @@ class UdpPam : public Kel::PtrInterface {
    void open();
    void close();
    TxAddress txAddress() const;
+   Kel::String destinationString() const;
    void txSent(Kel::U32 bytes);
    void txFailed(int err, const Kel::String& destination);
 

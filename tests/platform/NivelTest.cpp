@@ -212,6 +212,27 @@ TEST_F(UdpPamBatch, AFailedDatagramIsCountedAndTheRestOfTheBatchStillGoes) {
    EXPECT_EQ(pam_[1]->txErrors(), 0u);
 }
 
+TEST_F(UdpPamBatch, EachDestinationGetsTheHeaderStampedForIt) {
+   // One packet restamped per destination, as the exporters send a cached
+   // message: the front is each destination's, the rest is shared.
+   const std::string body = "-shared body";
+   auto pkt = Nivel::Pkt::pktNew(64);
+   std::memcpy(pkt->append(Nivel::TxBatch::stampedOctets + Kel::U32(body.size())) +
+                   Nivel::TxBatch::stampedOctets,
+               body.data(), body.size());
+   std::string expected[2];
+   for (int i = 0; i < 2; ++i) {
+      expected[i] = std::string(Nivel::TxBatch::stampedOctets, char('a' + i)) + body;
+      std::memset(pkt->data(), 'a' + i, Nivel::TxBatch::stampedOctets);
+      EXPECT_TRUE(pam_[i]->tx(*pkt));
+   }
+   pkt = nullptr;  // the batch holds the buffer until it is sent
+   Nivel::UdpPam::txFlush();
+   for (int i = 0; i < 2; ++i) {
+      EXPECT_EQ(received(i), std::vector<std::string>{expected[i]});
+   }
+}
+
 TEST_F(UdpPamBatch, ClosingASocketSendsWhatItWasHanded) {
    tx(0, "before close");
    tx(1, "other");
