@@ -452,6 +452,14 @@ void OptionsDataExporterSm::sendDataTables() {
    maybeSchedulePeriodic();
 }
 
+std::size_t OptionsDataExporterSm::msgCacheOctets() const {
+   std::size_t octets = 0;
+   for (const auto& msgWrap : msgCache_) {
+      octets += msgWrap->msg->msgHdr()->length();
+   }
+   return octets;
+}
+
 void OptionsDataExporterSm::maybeBuildMsgCache() {
    KEL_ASSERT(initialized());
    KEL_ASSERT(!processing());

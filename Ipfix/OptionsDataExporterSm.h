@@ -94,6 +94,8 @@ class OptionsDataExporterSm : public Kel::Entity {
    Kel::U32 updateQueueBytes() const { return updateQueueBytes_; }
    Kel::U32 msgCacheBuildCount() const { return msgCacheBuildCount_; }
    std::size_t msgCacheCount() const { return msgCache_.size(); }
+   // Octets of the cached messages as they go on the wire.
+   std::size_t msgCacheOctets() const;
    const std::map<Kel::String, const Collector*>& collector() const { return collector_; }
    const Bexa::Task& updateTask() const { return *updateTask_; }
    const Bexa::Task& txPeriodicTask() const { return *txPeriodicTask_; }

@@ -9,6 +9,7 @@
 //   (e) the bare cost of sendmsg and sendmmsg of such datagrams,
 // with the ratios the send path is judged by. --smoke runs a small scenario
 // and exits 0 only when every collector got every table.
+#include <malloc.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
@@ -24,6 +25,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "FlowTracking/Constants.h"
@@ -78,6 +80,12 @@ double residentMiB() {
       std::fclose(f);
    }
    return double(resident) * double(sysconf(_SC_PAGESIZE)) / (1024.0 * 1024.0);
+}
+
+// Octets the heap holds now.
+double heapOctets() {
+   const struct mallinfo2 m = mallinfo2();
+   return double(m.uordblks + m.hblkhd);
 }
 
 // The library of one flow-tracking type over a model of the given size.
@@ -189,6 +197,24 @@ class Scenario {
    }
 
    FlowTracking::IntfIndexMap& interfaces() { return *intfs_; }
+
+   // Message caches built by all exporters so far.
+   Kel::U64 msgCacheBuilds() const {
+      Kel::U64 builds = 0;
+      for (const auto& e : exporters()) {
+         builds += e->msgCacheBuildCount();
+      }
+      return builds;
+   }
+
+   // Octets of every exporter's cached messages.
+   double msgCacheOctets() const {
+      double octets = 0;
+      for (const auto& e : exporters()) {
+         octets += double(e->msgCacheOctets());
+      }
+      return octets;
+   }
 
  private:
    Params p_;
@@ -306,7 +332,82 @@ double bareSendCost(const BareFamily (&families)[2], bool batched, int count, st
    return (cpuSeconds() - cpu0) / count;
 }
 
+// What the library holds once a scenario has exported everything: its heap
+// beyond the model's, and the octets of its message caches.
+struct LibraryMemory {
+   double heap = 0;
+   double cacheOctets = 0;
+};
+
+// Runs `p` to full export in a child process, so that nothing else this
+// process allocated mixes in. Negative heap when it did not complete.
+LibraryMemory libraryMemory(const Params& p) {
+   int fds[2];
+   if (pipe(fds) != 0) {
+      throw std::runtime_error("pipe");
+   }
+   const pid_t pid = fork();
+   if (pid == 0) {
+      close(fds[0]);
+      LibraryMemory m{-1, 0};
+      {
+         Scale::Receivers receivers(p.collectors);
+         Scale::ReceiverProcess child(
+             receivers, {Kel::U64(p.interfaces) + 4, Kel::U64(p.vrfs) + 1, Kel::U64(p.flowGroups)},
+             Kel::U64(p.trackers) * p.exporters * p.collectors);
+         Scenario s(p, receivers);
+         const double model = heapOctets();
+         s.start();
+         if (s.runUntil([&] { return child.complete(); }, p.timeoutSeconds)) {
+            m = {heapOctets() - model, s.msgCacheOctets()};
+         }
+      }
+      _exit(write(fds[1], &m, sizeof m) == sizeof m ? 0 : 1);
+   }
+   close(fds[1]);
+   LibraryMemory m{-1, 0};
+   if (read(fds[0], &m, sizeof m) != sizeof m) {
+      m.heap = -1;
+   }
+   close(fds[0]);
+   waitpid(pid, nullptr, 0);
+   return m;
+}
+
+// (d) the library's memory per collector and per cached record, from small
+// scenarios that differ in one of them only.
+std::string memoryShares(const Params& p) {
+   Params small = p;
+   small.trackers = 2;
+   small.exporters = 4;
+   small.collectors = 4;
+   small.interfaces = 10000;
+   small.vrfs = 200;
+   Params moreCollectors = small;
+   moreCollectors.collectors = 12;
+   Params moreInterfaces = small;
+   moreInterfaces.interfaces = 30000;
+   const LibraryMemory base = libraryMemory(small);
+   const LibraryMemory collectors = libraryMemory(moreCollectors);
+   const LibraryMemory interfaces = libraryMemory(moreInterfaces);
+   if (base.heap < 0 || collectors.heap < 0 || interfaces.heap < 0) {
+      return "(d) memory shares: a scenario did not complete\n";
+   }
+   const double caches = small.trackers * small.exporters;
+   const double addedCollectors = (moreCollectors.collectors - small.collectors) * caches;
+   const double addedCachedRecords = (moreInterfaces.interfaces - small.interfaces) * caches;
+   const double encoded = (interfaces.cacheOctets - base.cacheOctets) / addedCachedRecords;
+   const double perRecord = (interfaces.heap - base.heap) / addedCachedRecords;
+   return fmt::format(
+       "(d) library heap: {:.0f} octets per collector beyond the message cache (target <= 4096); "
+       "per cached record {:.1f} octets, {:.1f} of them encoded, {:.1f} beyond (target <= 96; the "
+       "sources' own record of each interface counted in, shared by the {:.0f} caches)\n",
+       (collectors.heap - base.heap) / addedCollectors, perRecord, encoded, perRecord - encoded,
+       caches);
+}
+
 int run(const Params& p, bool smoke) {
+   const std::string shares = smoke ? "" : memoryShares(p);
    Scale::Receivers receivers(p.collectors);
    const Kel::U64 streams = Kel::U64(p.trackers) * p.exporters * p.collectors;
    Scale::Expected expected{Kel::U64(p.interfaces) + 4, Kel::U64(p.vrfs) + 1,
@@ -320,11 +421,14 @@ int run(const Params& p, bool smoke) {
    // (a) start-up to full export.
    const double wall0 = wallSeconds();
    const double cpu0 = cpuSeconds();
+   const double user0 = userCpuSeconds();
    s.start();
    const bool complete = s.runUntil([&] { return child.complete(); }, p.timeoutSeconds);
    const double startupWall = wallSeconds() - wall0;
    const double startupCpu = cpuSeconds() - cpu0;
+   const double startupUser = userCpuSeconds() - user0;
    const Kel::U64 startupPackets = s.packetsSent();
+   const Kel::U64 startupCacheBuilds = s.msgCacheBuilds();
    const double rssExported = residentMiB();
    std::printf("collectors complete: %llu of %llu%s\n",
                static_cast<unsigned long long>(child.completeStreams()),
@@ -371,16 +475,16 @@ int run(const Params& p, bool smoke) {
    const double bareSendmmsg = bareSendCost(families, true, 200000, datagram);
 
    const double perPacket = periodicCpu / double(periodicPackets);
-   const Kel::U64 records = Kel::U64(p.interfaces + 4 + p.vrfs + 1);
    std::printf(
        "scenario: %d trackers x %d exporters x %d collectors (%llu), %d interfaces, "
        "%d VRFs, %d flow groups per tracker\n",
        p.trackers, p.exporters, p.collectors, static_cast<unsigned long long>(streams),
        p.interfaces, p.vrfs, p.flowGroups);
    std::printf(
-       "(a) start-up to full export: %.2f s wall, %.2f s CPU, %llu packets; "
-       "%.2fx of packets x bare sendmmsg\n",
-       startupWall, startupCpu, static_cast<unsigned long long>(startupPackets),
+       "(a) start-up to full export: %.2f s wall, %.2f s CPU (%.2f s outside the kernel), %llu "
+       "packets, %llu message cache builds; %.2fx of packets x bare sendmmsg\n",
+       startupWall, startupCpu, startupUser, static_cast<unsigned long long>(startupPackets),
+       static_cast<unsigned long long>(startupCacheBuilds),
        startupWall / (double(startupPackets) * bareSendmmsg));
    std::printf(
        "(b) periodic full transmission: %.3f s CPU, %llu packets, %.2f us per packet, "
@@ -391,10 +495,8 @@ int run(const Params& p, bool smoke) {
                double(changes) / p.changeSeconds, static_cast<unsigned long long>(changePackets));
    std::printf(
        "(d) resident memory: %.1f MiB at start, %.1f MiB with the model, %.1f MiB after "
-       "full export; %.2f KiB per collector, %.1f octets per cached record (library "
-       "share, not separated from the message cache)\n",
-       rssStart, rssModel, rssExported, (rssExported - rssModel) * 1024.0 / double(streams),
-       (rssExported - rssModel) * 1024.0 * 1024.0 / double(records * exporters.size()));
+       "full export\n%s",
+       rssStart, rssModel, rssExported, shares.c_str());
    std::printf("(e) bare sendmsg %.2f us, sendmmsg %.2f us per datagram of %zu octets\n",
                bareSendmsg * 1e6, bareSendmmsg * 1e6, datagram);
    std::printf("ratios: per packet %.2fx sendmmsg (target <= 1.1), %.2fx sendmsg (target < 1)\n",
