@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -332,6 +333,18 @@ double bareSendCost(const BareFamily (&families)[2], bool batched, int count, st
    return (cpuSeconds() - cpu0) / count;
 }
 
+// One turn of (b) and (e): CPU of a periodic full transmission, its packets,
+// and the bare send costs per datagram measured right after it.
+struct SendTurn {
+   double cpu = 0;
+   double user = 0;
+   Kel::U64 packets = 0;
+   double bareSendmmsg = 0;
+   double bareSendmsg = 0;
+
+   double perPacket() const { return cpu / double(packets); }
+};
+
 // What the library holds once a scenario has exported everything: its heap
 // beyond the model's, and the octets of its message caches.
 struct LibraryMemory {
@@ -437,18 +450,33 @@ int run(const Params& p, bool smoke) {
       return complete ? 0 : 1;
    }
 
-   // (b) one periodic full transmission of every exporter.
+   // (b) and (e) in turns: a periodic full transmission of every exporter,
+   // then the bare send path for as many datagrams on two of our sockets, so
+   // that each ratio compares costs measured moments apart. The median turn
+   // is reported.
    const auto exporters = s.exporters();
-   const Kel::U64 before = s.packetsSent();
-   const double cpu1 = cpuSeconds();
-   const double user1 = userCpuSeconds();
-   for (const auto& e : exporters) {
-      e->maybeBeginPeriodicTransmission();
+   const std::size_t datagram = 1452;
+   const BareFamily families[2] = {bareFamily(s.anyExporterFd(false), receivers, false),
+                                   bareFamily(s.anyExporterFd(true), receivers, true)};
+   std::vector<SendTurn> turns(3);
+   for (SendTurn& turn : turns) {
+      const Kel::U64 before = s.packetsSent();
+      const double cpu1 = cpuSeconds();
+      const double user1 = userCpuSeconds();
+      for (const auto& e : exporters) {
+         e->maybeBeginPeriodicTransmission();
+      }
+      Nivel::UdpPam::txFlush();
+      turn.cpu = cpuSeconds() - cpu1;
+      turn.user = userCpuSeconds() - user1;
+      turn.packets = s.packetsSent() - before;
+      turn.bareSendmmsg = bareSendCost(families, true, 200000, datagram);
+      turn.bareSendmsg = bareSendCost(families, false, 200000, datagram);
    }
-   Nivel::UdpPam::txFlush();
-   const double periodicCpu = cpuSeconds() - cpu1;
-   const double periodicUser = userCpuSeconds() - user1;
-   const Kel::U64 periodicPackets = s.packetsSent() - before;
+   std::sort(turns.begin(), turns.end(), [](const SendTurn& a, const SendTurn& b) {
+      return a.perPacket() / a.bareSendmmsg < b.perPacket() / b.bareSendmmsg;
+   });
+   const SendTurn& median = turns[turns.size() / 2];
 
    // (c) interface changes for a while, coalesced by the exporters.
    std::mt19937 rng(1);
@@ -467,14 +495,6 @@ int run(const Params& p, bool smoke) {
        p.changeSeconds + 5);
    const Kel::U64 changePackets = s.packetsSent() - packetsBeforeChanges;
 
-   // (e) the bare send path on one of our sockets.
-   const std::size_t datagram = 1452;
-   const BareFamily families[2] = {bareFamily(s.anyExporterFd(false), receivers, false),
-                                   bareFamily(s.anyExporterFd(true), receivers, true)};
-   const double bareSendmsg = bareSendCost(families, false, 200000, datagram);
-   const double bareSendmmsg = bareSendCost(families, true, 200000, datagram);
-
-   const double perPacket = periodicCpu / double(periodicPackets);
    std::printf(
        "scenario: %d trackers x %d exporters x %d collectors (%llu), %d interfaces, "
        "%d VRFs, %d flow groups per tracker\n",
@@ -485,12 +505,12 @@ int run(const Params& p, bool smoke) {
        "packets, %llu message cache builds; %.2fx of packets x bare sendmmsg\n",
        startupWall, startupCpu, startupUser, static_cast<unsigned long long>(startupPackets),
        static_cast<unsigned long long>(startupCacheBuilds),
-       startupWall / (double(startupPackets) * bareSendmmsg));
+       startupWall / (double(startupPackets) * median.bareSendmmsg));
    std::printf(
        "(b) periodic full transmission: %.3f s CPU, %llu packets, %.2f us per packet, "
        "%.2f us of it outside the kernel\n",
-       periodicCpu, static_cast<unsigned long long>(periodicPackets), perPacket * 1e6,
-       periodicUser / double(periodicPackets) * 1e6);
+       median.cpu, static_cast<unsigned long long>(median.packets), median.perPacket() * 1e6,
+       median.user / double(median.packets) * 1e6);
    std::printf("(c) interface changes: %.0f per second absorbed, %llu packets sent for them\n",
                double(changes) / p.changeSeconds, static_cast<unsigned long long>(changePackets));
    std::printf(
@@ -498,9 +518,9 @@ int run(const Params& p, bool smoke) {
        "full export\n%s",
        rssStart, rssModel, rssExported, shares.c_str());
    std::printf("(e) bare sendmsg %.2f us, sendmmsg %.2f us per datagram of %zu octets\n",
-               bareSendmsg * 1e6, bareSendmmsg * 1e6, datagram);
+               median.bareSendmsg * 1e6, median.bareSendmmsg * 1e6, datagram);
    std::printf("ratios: per packet %.2fx sendmmsg (target <= 1.1), %.2fx sendmsg (target < 1)\n",
-               perPacket / bareSendmmsg, perPacket / bareSendmsg);
+               median.perPacket() / median.bareSendmmsg, median.perPacket() / median.bareSendmsg);
    return 0;
 }
 
