@@ -46,33 +46,48 @@ Kel::String shown(const Kel::Name& name) {
    return text;
 }
 
-// The writer replaces what an earlier writer left under the name, but not
-// what another user's process created there: that table is not its own.
-void refuseForeignObject(const Kel::Name& object, const Kel::Name& name) {
+// The status of a shared-memory object, or the errno of opening it (status
+// then empty). A failing fstat throws.
+struct ObjectStatus {
+   int openErrno = 0;
+   struct stat st {};
+};
+
+ObjectStatus objectStatus(const Kel::Name& object) {
+   ObjectStatus status;
    const int fd = shm_open(object.c_str(), O_RDONLY | O_CLOEXEC, 0);
    if (fd < 0) {
-      const int err = errno;
-      if (err == ENOENT) {
-         return;
-      }
-      if (err == EACCES) {
-         throw MountError(
-             MountProblem::system,
-             "table '" + name + "' exists and this user may not read it: not replacing it");
-      }
-      throwSystem(err, "shm_open " + object);
+      status.openErrno = errno;
+      return status;
    }
-   struct stat st {};
-   const bool statted = fstat(fd, &st) == 0;
+   const bool statted = fstat(fd, &status.st) == 0;
    const int err = errno;
    close(fd);
    if (!statted) {
       throwSystem(err, "fstat " + object);
    }
-   if (st.st_uid != geteuid()) {
-      throw MountError(MountProblem::system, "table '" + name + "' belongs to user " +
-                                                 std::to_string(st.st_uid) + ", not to user " +
-                                                 std::to_string(geteuid()) + ": not replacing it");
+   return status;
+}
+
+// The writer replaces what an earlier writer left under the name, but not
+// what another user's process created there: that table is not its own.
+void refuseForeignObject(const Kel::Name& object, const Kel::Name& name) {
+   const ObjectStatus status = objectStatus(object);
+   if (status.openErrno == ENOENT) {
+      return;
+   }
+   if (status.openErrno == EACCES) {
+      throw MountError(
+          MountProblem::system,
+          "table '" + name + "' exists and this user may not read it: not replacing it");
+   }
+   if (status.openErrno != 0) {
+      throwSystem(status.openErrno, "shm_open " + object);
+   }
+   if (status.st.st_uid != geteuid()) {
+      throw MountError(MountProblem::system,
+                       "table '" + name + "' belongs to user " + std::to_string(status.st.st_uid) +
+                           ", not to user " + std::to_string(geteuid()) + ": not replacing it");
    }
 }
 
@@ -238,22 +253,14 @@ bool Segment::nameRefersHere() const {
       return true;
    }
    const Kel::Name object = objectName(name_);
-   const int fd = shm_open(object.c_str(), O_RDONLY | O_CLOEXEC, 0);
-   if (fd < 0) {
-      const int err = errno;
-      if (err == ENOENT) {
-         return false;
-      }
-      throwSystem(err, "shm_open " + object);
+   const ObjectStatus status = objectStatus(object);
+   if (status.openErrno == ENOENT) {
+      return false;
    }
-   struct stat st {};
-   const bool statted = fstat(fd, &st) == 0;
-   const int err = errno;
-   close(fd);
-   if (!statted) {
-      throwSystem(err, "fstat " + object);
+   if (status.openErrno != 0) {
+      throwSystem(status.openErrno, "shm_open " + object);
    }
-   return st.st_dev == device_ && st.st_ino == inode_;
+   return status.st.st_dev == device_ && status.st.st_ino == inode_;
 }
 
 }  // namespace Vorpa
