@@ -25,8 +25,8 @@ Kel::String destinationString(const msghdr& msg) {
 }  // namespace
 
 TxBatch& TxBatch::thisThread() {
-   static const bool flushedAtTurnEnd = (Kel::turnEndHookIs([] { thisThread().flush(); }), true);
-   (void)flushedAtTurnEnd;
+   [[maybe_unused]] static const bool flushedAtTurnEnd =
+       (Kel::turnEndHookIs([] { thisThread().flush(); }), true);
    thread_local TxBatch batch;
    return batch;
 }

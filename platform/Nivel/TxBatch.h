@@ -39,7 +39,8 @@ struct TxAddress {
 // they were handed over, when the batch is full and at the end of the
 // scheduler's turn. Callers restamp one packet's message header for every
 // destination, so that header is copied in; the rest is only referenced, its
-// buffer held, until it is sent.
+// buffer held, until it is sent. A socket is used from one thread: its
+// datagrams wait in that thread's batch.
 class TxBatch {
  public:
    static constexpr std::size_t capacity = 64;
@@ -54,7 +55,6 @@ class TxBatch {
    // Sends every datagram waiting and counts each success and failure on its
    // socket.
    void flush();
-   std::size_t size() const { return count_; }
 
  private:
    struct Datagram {
