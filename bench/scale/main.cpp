@@ -507,10 +507,12 @@ int run(const Params& p, bool smoke, bool startupOnly) {
        p.interfaces, p.vrfs, p.flowGroups);
    std::printf(
        "(a) start-up to full export: %.2f s wall, %.2f s CPU (%.2f s outside the kernel), %llu "
-       "packets, %llu message cache builds; %.2fx of packets x bare sendmmsg\n",
+       "packets, %llu message cache builds; %.2fx of packets x bare sendmmsg; %.2f s of "
+       "start-up work beyond the sends (at (b)'s cost per packet)\n",
        startupWall, startupCpu, startupUser, static_cast<unsigned long long>(startupPackets),
        static_cast<unsigned long long>(startupCacheBuilds),
-       startupWall / (double(startupPackets) * median.bareSendmmsg));
+       startupWall / (double(startupPackets) * median.bareSendmmsg),
+       startupCpu - double(startupPackets) * median.perPacket());
    std::printf(
        "(b) periodic full transmission: %.3f s CPU, %llu packets, %.2f us per packet, "
        "%.2f us of it outside the kernel\n",
