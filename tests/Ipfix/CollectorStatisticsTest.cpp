@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <map>
 #include <new>
 
 #include "Ipfix/CollectorStatsUpdate.h"
@@ -53,39 +52,6 @@ class CollectorStatisticsTest : public ::testing::Test {
    const CollectorInfo c2 = collector("[2001:db8::1]:4739");
 };
 
-TEST_F(CollectorStatisticsTest, OptionsDataAndTemplateMessagesAddUp) {
-   const CollectorStatisticsKey key("ft1", "exp1", c1);
-   const SetCount templates[] = {{SetId(2), 3}};
-   const SetCount options[] = {{SetId(3), 4}};
-   const SetCount data1[] = {{SetId(256), 5}, {SetId(257), 2}};
-   const SetCount data2[] = {{SetId(257), 1}};
-
-   Vorpa::Ipfix::statsUpdateAfterTemplates(*stats, "ft1", "exp1", c1, 200, templates);
-   clock.advance(0.5);
-   Vorpa::Ipfix::statsUpdateAfterTemplates(*stats, "ft1", "exp1", c1, 100, options);
-   clock.advance(1.0);
-   Vorpa::Ipfix::statsUpdateAfterOptionsData(*stats, "ft1", "exp1", c1, 300, data1);
-   clock.advance(2.0);
-   Vorpa::Ipfix::statsUpdateAfterOptionsData(*stats, "ft1", "exp1", c1, 60, data2);
-
-   const CollectorStatisticsEntry e = readBack(key);
-   EXPECT_EQ(e, stats->stats(key));
-   EXPECT_EQ(e.exportedMessageTotalCount(), 4u);
-   EXPECT_EQ(e.exportedFlowRecordTotalCount(), 8u) << "templates are not flow records";
-   EXPECT_EQ(e.exportedOctetTotalCount(), 660u);
-   EXPECT_EQ(e.lastSentTime(), 1003.5);
-   EXPECT_EQ(e.lastTemplateSentTime(), 1000.5);
-   EXPECT_EQ(e.lastOptionsDataSentTime(), 1003.5);
-   EXPECT_EQ(e.lastDataRecordSentTime(), 0.0);
-   EXPECT_EQ(e.lastClearedTime(), 0.0);
-   const std::vector<CollectorSetStatisticsEntry> sets(e.setEntryStorage().used().begin(),
-                                                       e.setEntryStorage().used().end());
-   EXPECT_EQ(sets,
-             (std::vector<CollectorSetStatisticsEntry>{
-                 {SetId(2), 0, 3}, {SetId(3), 0, 4}, {SetId(256), 5, 0}, {SetId(257), 3, 0}}));
-   EXPECT_EQ(log.keys, std::vector<std::string>(4, key.vorpaString()));
-}
-
 TEST_F(CollectorStatisticsTest, FourteenthSetIdLeavesTheEntryAsItWas) {
    std::vector<SetCount> thirteen;
    for (Kel::U16 i = 0; i < 13; ++i) {
@@ -100,67 +66,6 @@ TEST_F(CollectorStatisticsTest, FourteenthSetIdLeavesTheEntryAsItWas) {
        Kel::RangeException);
    EXPECT_EQ(readBack(key), before);
    EXPECT_EQ(log.keys.size(), 1u);
-}
-
-TEST_F(CollectorStatisticsTest, ClearRemovesMatchingEntriesAndRecordsTheClearTime) {
-   const SetCount data[] = {{SetId(256), 1}};
-   const struct {
-      const char* tracker;
-      const char* exporter;
-      CollectorInfo collector;
-   } sent[] = {{"ft1", "exp1", c1}, {"ft1", "exp1", c2}, {"ft1", "exp2", c1}, {"ft2", "exp1", c1}};
-   for (const auto& s : sent) {
-      Vorpa::Ipfix::statsUpdateAfterOptionsData(*stats, s.tracker, s.exporter, s.collector, 10,
-                                                data);
-   }
-   const auto keys = [&] {
-      std::map<std::string, Kel::Seconds> listed;
-      reader.forEach([&](const CollectorStatisticsKey& k, const CollectorStatisticsEntry& e) {
-         listed[k.vorpaString()] = e.lastClearedTime();
-      });
-      return listed;
-   };
-
-   clock.advance(5);
-   Vorpa::Ipfix::statsClear(*stats, "ft1", "exp1");
-   EXPECT_EQ(keys(), (std::map<std::string, Kel::Seconds>{{"ft1 exp1 0.0.0.0:0", 1005.0},
-                                                          {"ft1 exp2 192.0.2.1:4739", 0.0},
-                                                          {"ft2 exp1 192.0.2.1:4739", 0.0}}));
-   CollectorStatisticsEntry expectedClear(CollectorStatisticsKey("ft1", "exp1", CollectorInfo()));
-   expectedClear.lastClearedTimeIs(1005.0);
-   EXPECT_EQ(readBack(CollectorStatisticsKey("ft1", "exp1", {})), expectedClear)
-       << "only the clear time is set";
-
-   Vorpa::Ipfix::statsUpdateAfterOptionsData(*stats, "ft1", "exp1", c1, 10, data);
-   EXPECT_EQ(readBack(CollectorStatisticsKey("ft1", "exp1", c1)).exportedMessageTotalCount(), 1u)
-       << "counting restarts from zero";
-
-   clock.advance(1);
-   Vorpa::Ipfix::statsClear(*stats, "ft1", "");
-   EXPECT_EQ(keys(), (std::map<std::string, Kel::Seconds>{{"ft1  0.0.0.0:0", 1006.0},
-                                                          {"ft2 exp1 192.0.2.1:4739", 0.0}}));
-}
-
-TEST_F(CollectorStatisticsTest, MutatorsAnnounceOnlyRealChanges) {
-   const CollectorStatisticsKey a("ft1", "exp1", c1);
-   const CollectorStatisticsKey b("ft1", "exp1", c2);
-   stats->statsIs(CollectorStatisticsEntry(a));
-   CollectorStatisticsEntry* inPlace = stats->statsForWrite(b);
-   ASSERT_NE(inPlace, nullptr);
-   EXPECT_EQ(*inPlace, CollectorStatisticsEntry(b)) << "a new key starts fresh";
-   inPlace->exportedMessageTotalCountIs(9);
-   stats->statsCommit(inPlace);
-   EXPECT_EQ(readBack(b).exportedMessageTotalCount(), 9u);
-
-   EXPECT_EQ(stats->statsDel(CollectorStatisticsKey("nope", "", {})), std::nullopt);
-   EXPECT_EQ(stats->statsDel(a), CollectorStatisticsEntry(a));
-   stats->statsIs(CollectorStatisticsEntry(a));
-   stats->statsDelAll();
-   EXPECT_EQ(stats->statsControl().size(), 0u);
-   EXPECT_EQ(log.keys,
-             (std::vector<std::string>{a.vorpaString(), b.vorpaString(), a.vorpaString(),
-                                       a.vorpaString(), a.vorpaString(), b.vorpaString()}))
-       << "removing all announces every key, in key order";
 }
 
 TEST_F(CollectorStatisticsTest, CommitRefusesAnEntryWhoseKeyChangedInPlace) {

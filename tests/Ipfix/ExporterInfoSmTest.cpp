@@ -84,25 +84,6 @@ TEST_F(ExporterTest, CollectorRecordKeepsItsSequenceWhileAnyMapHasTheName) {
    EXPECT_EQ(collectorNames(), (std::vector<Kel::String>{"c1", "c2", "c3"}));
 }
 
-// Counts notifications of a collector's sequence number.
-struct SeqWatcher : FlowTracking::CollectorInfo::Notifiee {
-   explicit SeqWatcher(const Kel::Ptr<FlowTracking::CollectorInfo>& c) { notifierIs(c); }
-   void onIpfixMsgSeqNo() override { ++changes; }
-   int changes = 0;
-};
-
-TEST_F(ExporterTest, SequenceIncrementNotifiesOnlyOnChangeAndWraps) {
-   start();
-   sched_->runFor(0);
-   const auto c1 = info()->collInfo("c1");
-   SeqWatcher watcher(c1);
-   EXPECT_EQ(c1->ipfixMsgSeqNoInc(0).value(), 0u);
-   EXPECT_EQ(watcher.changes, 0);
-   c1->ipfixMsgSeqNoIs(Ipfix::IpfixMsgSeqNo(4294967290u));
-   EXPECT_EQ(c1->ipfixMsgSeqNoInc(10).value(), 4u);
-   EXPECT_EQ(watcher.changes, 2);
-}
-
 // Readiness and the active/inactive messages, step by step.
 TEST_F(ExporterTest, ReadinessAndLogsFollowTransitionsOnly) {
    struct Step {

@@ -9,41 +9,6 @@ namespace {
 
 using TrackingTree = TrackingTreeFixture;
 
-TEST_F(TrackingTree, FollowsConfigurationPresentBeforeAndAddedAfterConstruction) {
-   for (bool before : {true, false}) {
-      SCOPED_TRACE(before ? "configured before" : "configured after");
-      sm_ = nullptr;
-      hwConfig_ = Kel::makeActive<HwFlowTracking::Config>();
-      ftInfo_ =
-          Kel::makeActive<FlowTracking::FlowTrackingInfo>(FlowTracking::FlowTrackingType::hardware);
-      Kel::TraceCapture capture("Ipfix", 3);
-      if (!before) {
-         start();
-      }
-      for (const char* t : {"t1", "t2"}) {
-         addTracker(t);
-         for (const char* e : {"e1", "e2"}) {
-            addExporter(t, e);
-         }
-      }
-      if (before) {
-         start();
-      }
-      EXPECT_TRUE(sm_->initialized());
-      EXPECT_EQ(ftInfo_->ftInfo().size(), 2u);
-      EXPECT_EQ(sm_->ftInfoSm().size(), 2u);
-      for (const char* t : {"t1", "t2"}) {
-         EXPECT_EQ(ftInfo_->ftInfo(t)->expInfo().size(), 2u);
-         EXPECT_EQ(sm_->ftInfoSm(t)->expInfoSm().size(), 2u);
-         EXPECT_EQ(sm_->ftInfoSm(t)->ftrType(), FlowTracking::FlowTrackingType::hardware);
-      }
-      EXPECT_TRUE(exporterSm("t2", "e1")->initialized());
-      EXPECT_EQ(exporterSm("t2", "e1")->traceId(), "t2 for e1");
-      EXPECT_TRUE(capture.contains("Created FlowTrackerInfoSm for t1"));
-      EXPECT_TRUE(capture.contains("Created ExporterInfoSm for e2"));
-   }
-}
-
 // Records, when an exporter record goes, whether its machine was already gone.
 class ExpInfoWatcher : public FlowTracking::FlowTrackerInfo::Notifiee {
  public:

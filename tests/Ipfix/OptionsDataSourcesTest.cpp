@@ -232,30 +232,6 @@ TEST_F(FlowTrackerTableTest, TimeoutsMustFitSixteenBits) {
    EXPECT_EQ(thrownText([&] { sm->makeDataRecord(); }), "inactive.seconds() < Kel::maxU16()");
 }
 
-TEST_F(FlowTrackerTableTest, ChangesCoalesceIntoOneUpdateTwoSecondsAfterTheFirst) {
-   const auto sm = start();
-   EXPECT_EQ(su_.source->dataRecord().size(), 1u);
-   EXPECT_EQ(su_.update->version(), 0u) << "start announces nothing";
-   const Kel::U32 versionAtStart = su_.source->version();
-
-   hwStatus_->sampleRateIs(4096);
-   sched_->runFor(1.0);
-   ftStatus_->inactiveTimeoutIs(30);
-   sched_->runFor(0.99);
-   EXPECT_EQ(su_.update->version(), 0u);
-   EXPECT_EQ(sm->updateTask().name(), "FlowTrackerTableSmUpdate");
-   sched_->runFor(0.02);
-   EXPECT_EQ(su_.update->version(), 1u);
-   EXPECT_EQ(su_.update->dataSetId(), 65535);
-   const Bytes announced = bytesOf(su_.update->dataRecord());
-   EXPECT_EQ(announced[11], 0x1E) << "the idle timeout of the second change";
-   EXPECT_EQ(announced[20], 0x10) << "the sampling rate of the first";
-   EXPECT_EQ(contents(*su_.source), std::multiset<Bytes>{announced});
-   EXPECT_EQ(su_.source->version(), versionAtStart + 1);
-   sched_->runFor(10.0);
-   EXPECT_EQ(su_.update->version(), 1u);
-}
-
 // ---------------------------------------------------------------------------
 // Interface table
 
@@ -277,58 +253,6 @@ TEST_F(InterfaceTableTest, NamesMustBeShortFormAndNotEmpty) {
    EXPECT_EQ(thrownText([&] { sm->makeDataRecord(std::string(255, 'x'), 1); }),
              "intfNameLen < 255");
    EXPECT_EQ(thrownText([&] { sm->makeDataRecord("", 1); }), "pos + sizeof( U8 ) < max");
-}
-
-TEST_F(InterfaceTableTest, HoldsTheMapAndTheReservedIndexesAndAnnouncesChanges) {
-   map_->intfIndexIs("Ethernet1", 1);
-   map_->intfIndexIs("Ethernet2", 2);
-   const auto sm = start();
-   const std::multiset<Bytes> reserved = {intfRecord(0x80000000, "multicast"),
-                                          intfRecord(0x40000000, "discard"),
-                                          intfRecord(0x3FFFFFFF, "CPU"), intfRecord(0, "unknown")};
-   auto expected = reserved;
-   expected.insert(intfRecord(1, "Ethernet1"));
-   expected.insert(intfRecord(2, "Ethernet2"));
-   EXPECT_EQ(contents(*su_.source), expected);
-   EXPECT_EQ(su_.update->version(), 0u);
-
-   struct Step {
-      const char* name;
-      std::function<void()> change;
-      std::optional<Bytes> announced;  // nullopt: nothing announced
-      std::multiset<Bytes> after;      // the map's records, reserved ones aside
-   };
-   const Step steps[] = {
-       {"added",
-        [&] { map_->intfIndexIs("Ethernet3/1", 31); },
-        intfRecord(31, "Ethernet3/1"),
-        {intfRecord(1, "Ethernet1"), intfRecord(2, "Ethernet2"), intfRecord(31, "Ethernet3/1")}},
-       {"renumbered",
-        [&] { map_->intfIndexIs("Ethernet1", 11); },
-        intfRecord(11, "Ethernet1"),
-        {intfRecord(11, "Ethernet1"), intfRecord(2, "Ethernet2"), intfRecord(31, "Ethernet3/1")}},
-       {"removed",
-        [&] { map_->intfIndexDel("Ethernet2"); },
-        std::nullopt,
-        {intfRecord(11, "Ethernet1"), intfRecord(31, "Ethernet3/1")}},
-   };
-   for (const Step& s : steps) {
-      SCOPED_TRACE(s.name);
-      const Kel::U32 updates = su_.update->version();
-      const Kel::U32 version = su_.source->version();
-      s.change();
-      EXPECT_EQ(su_.source->version(), version + 1);
-      if (s.announced) {
-         EXPECT_EQ(su_.update->version(), updates + 1);
-         EXPECT_EQ(bytesOf(su_.update->dataRecord()), *s.announced);
-      } else {
-         EXPECT_EQ(su_.update->version(), updates);
-      }
-      auto all = reserved;
-      all.insert(s.after.begin(), s.after.end());
-      EXPECT_EQ(contents(*su_.source), all);
-      EXPECT_EQ(sm->dataRecords(), s.after.size());
-   }
 }
 
 // ---------------------------------------------------------------------------

@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "Bexa/TaskScheduler.h"
 #include "ConfigText.h"
-#include "Ipfix/FlowTrackerInfoSm.h"
 #include "Ipfix/IpfixSm.h"
-#include "Kel/System.h"
 #include "agent/ModelWriter.h"
 
 namespace {
@@ -221,35 +218,6 @@ TEST(ModelWriter, ReloadLeavesTheModelAsAFreshStartWould) {
    }
 }
 
-TEST(ModelWriter, OnlyChangedObjectsAreRecreated) {
-   Model m;
-   m.writer.configIs(configOf(base));
-   const auto ft = m.ft1();
-   const auto e1 = ft->expConfig("e1");
-   const auto fg = m.fg(256);
-   const auto keyField = fg->templateEntry(0);
-
-   m.writer.configIs(configOf(
-       edited(edited(base, "dscp: 0", "dscp: 10"), "- octetDeltaCount", "- packetDeltaCount")));
-   EXPECT_EQ(m.ft1(), ft);
-   EXPECT_EQ(m.ft1()->expConfig("e1"), e1);
-   EXPECT_EQ(e1->dscp(), 0x28);
-   EXPECT_EQ(m.fg(256), fg);
-   EXPECT_EQ(fg->templateEntry(0), keyField);
-   EXPECT_EQ(fg->templateEntry(1)->fieldId(), RecordType::packetDeltaCount);
-   EXPECT_EQ(fg->genId(), 1u);
-
-   m.writer.configIs(configOf(edited(base, "entries: 10", "entries: 20")));
-   EXPECT_EQ(fg->entryCount(), 20u);
-   EXPECT_EQ(fg->genId(), 2u) << "the fields went back to octetDeltaCount";
-   m.writer.configIs(configOf(edited(base, "entries: 10", "entries: 30")));
-   EXPECT_EQ(fg->genId(), 2u) << "entries alone leave the layout's generation";
-
-   m.writer.configIs(configOf(edited(base, "id: 1\n", "id: 2\n")));
-   EXPECT_NE(m.ft1(), ft);
-   EXPECT_EQ(m.ft1()->ftId(), 2u);
-}
-
 // Appends what each watched entity announces, with the entry's presence
 // after the change and what a reader would find in it.
 class Recorder {
@@ -389,49 +357,6 @@ TEST(ModelWriter, VrfsGoToTheSink) {
    m.writer.configIs(configOf("vrfs: [{ id: 7, name: blue }]\n"));
    EXPECT_EQ(m.vrfs.calls,
              (std::vector<Kel::String>{"vrfIs 1 blue", "vrfIs 1 red", "vrfIs 7 blue", "vrfDel 1"}));
-}
-
-// The library's tracking tree over the written model: reloads never make it
-// refuse a replacement, and a collector keeps its sequence number across an
-// address change.
-TEST(ModelWriter, TheLibraryFollowsReloads) {
-   Kel::ScopedManualClock clock;
-   Model m;
-   const auto sched = Kel::makePtr<Bexa::TaskSchedulerRoot>();
-   const auto init = Ipfix::ipfixInitSmFactory();
-   const auto ftInfo = Kel::makeActive<FlowTracking::FlowTrackingInfo>(FlowTrackingType::hardware);
-   m.writer.configIs(configOf(base));
-   const auto sm = FlowTracking::flowTrackingInfoSmFactory(sched, m.hardware().config, ftInfo,
-                                                           init->agentInfo());
-   sched->runFor(0);
-   const auto record = [&](const char* exporter, const char* collector) {
-      const auto ft = ftInfo->ftInfo("ft1");
-      const auto e = ft ? ft->expInfo(exporter) : nullptr;
-      return e ? e->collInfo(collector) : nullptr;
-   };
-   const auto c1 = record("e1", "c1");
-   ASSERT_TRUE(c1);
-   c1->ipfixMsgSeqNoInc(5);
-
-   for (const auto& [name, text] : variants()) {
-      SCOPED_TRACE(name);
-      ASSERT_NO_THROW(m.writer.configIs(configOf(text)));
-      sched->runFor(0);
-      ASSERT_NO_THROW(m.writer.configIs(configOf(base)));
-      sched->runFor(0);
-   }
-   EXPECT_EQ(ftInfo->ftInfo().size(), 1u);
-   EXPECT_EQ(record("e1", "c2")->ipfixMsgSeqNo().value(), 0u);
-
-   const auto survivor = record("e1", "c1");
-   survivor->ipfixMsgSeqNoInc(5);
-   m.writer.configIs(configOf(edited(base, "address: 127.0.0.1", "address: \"::2\"")));
-   sched->runFor(0);
-   EXPECT_EQ(record("e1", "c1"), survivor);
-   EXPECT_EQ(survivor->ipfixMsgSeqNo().value(), 5u);
-
-   m.writer.configIs(Agent::AgentConfig());
-   EXPECT_TRUE(ftInfo->ftInfo().empty());
 }
 
 }  // namespace
