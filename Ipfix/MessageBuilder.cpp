@@ -13,7 +13,7 @@ Message::Message(Kel::Ptr<Nivel::Pkt> pkt)
     : pktHolder_(std::move(pkt)), msgHdr_(Kel::makePtr<Nivel::MessageHeader>(pktHolder_, 0)) {}
 
 const Kel::Ptr<Nivel::Pkt>& Message::pkt(Kel::U32 seqNo) {
-   msgHdr_->exportTimeIs(static_cast<Kel::U32>(Kel::System::currentTimeUtc()));
+   msgHdr_->exportTimeIs(static_cast<Kel::U32>(Kel::System::currentTimeUtcSeconds()));
    msgHdr_->seqNoIs(seqNo);
    return pktHolder_;
 }

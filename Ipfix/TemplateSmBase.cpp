@@ -20,7 +20,7 @@ constexpr Kel::U32 headersLen =
 constexpr int hexDumpTraceLevel = 7;
 
 Kel::U32 utcSeconds() {
-   return static_cast<Kel::U32>(Kel::System::currentTimeUtc());
+   return static_cast<Kel::U32>(Kel::System::currentTimeUtcSeconds());
 }
 
 }  // namespace

@@ -28,6 +28,14 @@ Seconds SystemClock::utc() const {
    return readClock(CLOCK_REALTIME);
 }
 
+U64 SystemClock::utcSeconds() const {
+   // The coarse clock is read without asking the hardware: a tenth of the
+   // cost, and within a tick of the precise one.
+   timespec ts{};
+   clock_gettime(CLOCK_REALTIME_COARSE, &ts);
+   return static_cast<U64>(ts.tv_sec);
+}
+
 bool ManualClock::advanceTo(Seconds monotonicTime) {
    KEL_ASSERT(monotonicTime >= monotonic_);
    monotonic_ = monotonicTime;

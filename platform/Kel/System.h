@@ -13,6 +13,9 @@ class ClockSource {
    virtual Seconds monotonic() const = 0;
    // Wall-clock seconds since the Unix epoch.
    virtual Seconds utc() const = 0;
+   // Whole wall-clock seconds since the Unix epoch, which may lag utc() by a
+   // clock tick: cheaper where a second is the unit, as in message headers.
+   virtual U64 utcSeconds() const { return static_cast<U64>(utc()); }
    // Moves a virtual clock forward to `monotonicTime`; false for a real clock,
    // which the caller must wait for instead.
    virtual bool advanceTo(Seconds monotonicTime) = 0;
@@ -24,6 +27,7 @@ class SystemClock final : public ClockSource {
  public:
    Seconds monotonic() const override;
    Seconds utc() const override;
+   U64 utcSeconds() const override;
    bool advanceTo(Seconds) override { return false; }
    bool isVirtual() const override { return false; }
 };
@@ -48,6 +52,7 @@ class System {
  public:
    static Seconds currentTime() { return clock_->monotonic(); }
    static Seconds currentTimeUtc() { return clock_->utc(); }
+   static U64 currentTimeUtcSeconds() { return clock_->utcSeconds(); }
    static ClockSource& clockSource() { return *clock_; }
    // Installs `clock` (nullptr restores the system clock). The caller keeps it
    // alive while installed.

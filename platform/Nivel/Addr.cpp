@@ -64,10 +64,6 @@ Kel::String Ip6Addr::str() const {
    return inet_ntop(AF_INET6, &a, buf, sizeof buf);
 }
 
-bool Ip6Addr::isUnspecified() const {
-   return *this == Ip6Addr();
-}
-
 std::optional<IpGenAddr> IpGenAddr::parse(std::string_view text) {
    if (auto a = IpAddr::parse(text)) {
       return IpGenAddr(*a);

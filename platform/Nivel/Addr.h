@@ -5,6 +5,7 @@
 
 #include <array>
 #include <compare>
+#include <cstring>
 #include <optional>
 #include <string_view>
 #include <variant>
@@ -47,7 +48,11 @@ class Ip6Addr {
    const std::array<Kel::U8, 16>& bytes() const { return bytes_; }
    in6_addr in6Addr() const;
    Kel::String str() const;
-   bool isUnspecified() const;
+   bool isUnspecified() const {
+      Kel::U64 words[2];
+      std::memcpy(words, bytes_.data(), sizeof words);
+      return (words[0] | words[1]) == 0;
+   }
    constexpr auto operator<=>(const Ip6Addr&) const = default;
 
  private:

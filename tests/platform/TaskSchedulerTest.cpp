@@ -229,4 +229,17 @@ TEST_F(TaskSchedulerTest, ReadableDescriptorSchedulesItsTask) {
    close(fds[1]);
 }
 
+// Message headers take whole seconds from the cheap clock: it must be the
+// wall clock (not, say, the time since boot), at most a tick behind, and the
+// virtual clock must give the same as its own utc().
+TEST(Clock, WholeUtcSecondsAreTheWallClocks) {
+   const Kel::SystemClock real;
+   const double before = real.utc();
+   const auto seconds = static_cast<double>(real.utcSeconds());
+   EXPECT_LE(seconds, real.utc());
+   EXPECT_GT(seconds, before - 1.5);  // floor, and up to a tick behind
+   Kel::ScopedManualClock manual(1000.0, 1.7e9 + 0.75);
+   EXPECT_EQ(Kel::System::currentTimeUtcSeconds(), 1'700'000'000u);
+}
+
 }  // namespace
