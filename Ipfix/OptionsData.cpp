@@ -55,13 +55,13 @@ std::optional<OptionsDataScope> parseOptionsDataScope(std::string_view name) {
 
 void OptionsDataSource::dataRecordIs(const DataRecordPtr& record) {
    Kel::checkMutatorArg(record, "dataRecord", "FlowTracking::OptionsDataSource::dataRecord");
-   if (dataRecord_.insert(record).second) {
+   if (dataRecord_.insert(record)) {
       notify(&Notifiee::onDataRecord, record);
    }
 }
 
 void OptionsDataSource::dataRecordDel(DataRecordPtr record) {
-   if (dataRecord_.erase(record) != 0) {
+   if (dataRecord_.erase(record)) {
       notify(&Notifiee::onDataRecord, record);
    }
 }

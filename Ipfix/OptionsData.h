@@ -5,11 +5,11 @@
 #include <map>
 #include <optional>
 #include <ostream>
-#include <set>
 #include <string_view>
 
 #include "HwFlowTracking/Status.h"
 #include "Ipfix/DataRecord.h"
+#include "Ipfix/DataRecordSet.h"
 
 // The options data model: where the data sources (flow keys, flow-tracker
 // table, interface and VRF tables) hand their encoded records to the options
@@ -35,8 +35,6 @@ std::ostream& operator<<(std::ostream& os, OptionsDataScope scope);
 // From the name; nullopt for any other text.
 std::optional<OptionsDataScope> parseOptionsDataScope(std::string_view name);
 
-using DataRecordPtr = Kel::Ptr<const DataRecord>;
-
 // The current, complete set of records of one data source. The writer raises
 // `version` once per completed change; the exporter takes a version change as
 // a change of the whole set.
@@ -57,7 +55,7 @@ class OptionsDataSource : public Kel::Entity {
 
    // Keyed by identity: two records with equal octets are two entries. The
    // iteration order carries no meaning.
-   const std::set<DataRecordPtr>& dataRecord() const { return dataRecord_; }
+   const DataRecordSet& dataRecord() const { return dataRecord_; }
    void dataRecordIs(const DataRecordPtr& record);
    // By value: the argument may be the set's own element, which erase destroys.
    void dataRecordDel(DataRecordPtr record);
@@ -70,7 +68,7 @@ class OptionsDataSource : public Kel::Entity {
  private:
    Kel::String sourceName_;
    TemplateId dataSetId_;
-   std::set<DataRecordPtr> dataRecord_;
+   DataRecordSet dataRecord_;
    Kel::U32 version_ = 0;
 };
 
