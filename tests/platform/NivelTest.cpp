@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -241,6 +242,15 @@ TEST_F(UdpPamBatch, TheSchedulerSendsAtTheEndOfEachTaskTurn) {
    ASSERT_TRUE(sched->runOnce());
    EXPECT_EQ(seenInTask, 0u);
    EXPECT_EQ(received(0), std::vector<std::string>{"from a task"});
+
+   // A task that throws after handing a datagram over still ends its turn.
+   Bexa::Task failing(sched, "failing", Bexa::TaskPriority{0}, [&] {
+      tx(0, "before the exception");
+      throw std::runtime_error("task failed");
+   });
+   failing.scheduleTask();
+   ASSERT_TRUE(sched->runOnce());
+   EXPECT_EQ(received(0), std::vector<std::string>{"before the exception"});
 
    tx(0, "outside any task");
    sched->runFor(0);
