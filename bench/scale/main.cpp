@@ -47,6 +47,14 @@ struct Params {
    int flowGroups = 8;
    double changeSeconds = 3.0;
    double timeoutSeconds = 240.0;
+
+   // Collector streams: every exporter socket to every collector.
+   Kel::U64 streams() const { return Kel::U64(trackers) * exporters * collectors; }
+   // What a collector must count to have every table: the interfaces and the
+   // reserved ones, the VRFs and the reserved one, a flow-key record per group.
+   Scale::Expected expected() const {
+      return {Kel::U64(interfaces) + 4, Kel::U64(vrfs) + 1, Kel::U64(flowGroups)};
+   }
 };
 
 double seconds(const timeval& t) {
@@ -365,9 +373,7 @@ LibraryMemory libraryMemory(const Params& p) {
       LibraryMemory m{-1, 0};
       {
          Scale::Receivers receivers(p.collectors);
-         Scale::ReceiverProcess child(
-             receivers, {Kel::U64(p.interfaces) + 4, Kel::U64(p.vrfs) + 1, Kel::U64(p.flowGroups)},
-             Kel::U64(p.trackers) * p.exporters * p.collectors);
+         Scale::ReceiverProcess child(receivers, p.expected(), p.streams());
          Scenario s(p, receivers);
          const double model = heapOctets();
          s.start();
@@ -422,10 +428,8 @@ std::string memoryShares(const Params& p) {
 int run(const Params& p, bool smoke, bool startupOnly) {
    const std::string shares = smoke || startupOnly ? "" : memoryShares(p);
    Scale::Receivers receivers(p.collectors);
-   const Kel::U64 streams = Kel::U64(p.trackers) * p.exporters * p.collectors;
-   Scale::Expected expected{Kel::U64(p.interfaces) + 4, Kel::U64(p.vrfs) + 1,
-                            Kel::U64(p.flowGroups)};
-   Scale::ReceiverProcess child(receivers, expected, streams);
+   const Kel::U64 streams = p.streams();
+   Scale::ReceiverProcess child(receivers, p.expected(), streams);
 
    const double rssStart = residentMiB();
    Scenario s(p, receivers);
