@@ -23,9 +23,11 @@ using CollectorStatisticsReader =
 // entity's notifiees through onStats(key).
 class CollectorStatistics : public Kel::Entity {
  public:
-   // Entries the table holds: trackers x exporters x collectors, with room to
-   // spare, plus one clear-time entry per cleared exporter.
+   // Entries the table holds unless its writer says otherwise: every
+   // collector of every exporter, and the clear-time entries of the cleared
+   // trackers and exporters.
    static constexpr Kel::U32 defaultCapacity = 1024;
+   static constexpr Kel::U32 maxCapacity = Vorpa::maxCapacity;
 
    class Notifiee : public Kel::BaseNotifiee<CollectorStatistics> {
     public:

@@ -4,10 +4,13 @@
 #include <vector>
 
 #include "Kel/System.h"
+#include "Kel/Trace.h"
 
 namespace Vorpa::Ipfix {
 
 namespace {
+
+Kel::TraceHandle traceIpfix("Ipfix");
 
 enum class MessageKind { optionsData, templates };
 
@@ -80,19 +83,29 @@ void statsUpdateAfterTemplates(CollectorStatistics& stats, const Kel::String& tr
 
 void statsClear(CollectorStatistics& stats, const Kel::String& tracker,
                 const Kel::String& exporter) {
+   const bool everything = tracker.empty() && exporter.empty();
    std::vector<CollectorStatisticsKey> matching;
    stats.statsControl().forEach(
        [&](const CollectorStatisticsKey& key, const CollectorStatisticsEntry&) {
-          if (key.tracker() == tracker && (exporter.empty() || key.exporter() == exporter)) {
-             matching.push_back(key);
+          if (everything && key.exporter().empty() && key.collector() == CollectorInfo()) {
+             KEL_TRACE(traceIpfix, 3, "skip 'clear time' entry");
+             return;
           }
+          if ((!tracker.empty() && key.tracker() != tracker) ||
+              (!exporter.empty() && key.exporter() != exporter)) {
+             KEL_TRACE(traceIpfix, 3, "tracker \"{}\" exporter \"{}\" did not match", key.tracker(),
+                       key.exporter());
+             return;
+          }
+          matching.push_back(key);
        });
    for (const CollectorStatisticsKey& key : matching) {
       stats.statsDel(key);
+      CollectorStatisticsEntry cleared(CollectorStatisticsKey(
+          key.tracker(), exporter.empty() ? Kel::String() : key.exporter(), CollectorInfo()));
+      cleared.lastClearedTimeIs(Kel::System::currentTime());
+      stats.statsIs(cleared);
    }
-   CollectorStatisticsEntry cleared(CollectorStatisticsKey(tracker, exporter, CollectorInfo()));
-   cleared.lastClearedTimeIs(Kel::System::currentTime());
-   stats.statsIs(cleared);
 }
 
 }  // namespace Vorpa::Ipfix

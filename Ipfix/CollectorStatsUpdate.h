@@ -56,10 +56,12 @@ void statsUpdateAfterTemplates(CollectorStatistics& stats, const Kel::String& tr
                                const Kel::String& exporter, const CollectorInfo& collector,
                                Kel::U64 octets, std::span<const SetCount> templatesPerSet);
 
-// A clear request for `tracker` and `exporter` (empty: every exporter of the
-// tracker): removes the matching entries, so their counts restart with the
-// next message, then records the clear time in an entry of its own under
-// (tracker, exporter, empty collector).
+// A clear request for `tracker` and `exporter`, each empty for every one (an
+// exporter is named with its tracker): removes the matching entries, so their
+// counts restart with the next message, and for each records the clear time in
+// an entry of its own under (its tracker, the exporter named or the empty
+// name, the empty collector). Clearing everything keeps the tracker-wide
+// clear-time entries and replaces the exporters' ones by their tracker's.
 void statsClear(CollectorStatistics& stats, const Kel::String& tracker,
                 const Kel::String& exporter);
 

@@ -116,8 +116,9 @@ Kel::Ptr<Nivel::UdpPam> openPam(const Kel::Name& name, bool ipv6) {
    pam->txPrioIs(pamTxPrio);
    try {
       pam->modeIs(1);
-   } catch (const Kel::ErrnoException& e) {
+   } catch (Kel::ErrnoException& e) {
       KEL_TRACE(traceIpfix, 1, "Caught ErrnoException: {}", e.what());
+      e.reportedIs(true);
       throw;
    }
    KEL_TRACE(traceIpfix, 3, "Created Pam: {}, txPrio: {}, fd: {}", name, pam->txPrio(), pam->fd());

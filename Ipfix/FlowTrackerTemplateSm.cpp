@@ -1,6 +1,7 @@
 #include "Ipfix/FlowTrackerTemplateSm.h"
 
 #include "FlowTracking/Constants.h"
+#include "Ipfix/CollectorStatsUpdate.h"
 #include "Kel/Exception.h"
 #include "Kel/System.h"
 #include "Kel/Trace.h"
@@ -13,6 +14,7 @@ namespace {
 Kel::TraceHandle traceIpfix("Ipfix");
 
 constexpr Kel::U32 templateRecordHeaderLen = sizeof(Nivel::TemplateHeader::Wire);
+static_assert(templateRecordLength(0, 0) == templateRecordHeaderLen);
 
 }  // namespace
 
@@ -31,27 +33,63 @@ class FtExporterSm::FtStatusReactor : public HwFlowTracking::FtStatus::Notifiee 
    FtExporterSm* sm_;
 };
 
-// Watches one flow group's layout; any change rebuilds the template set.
+// Watches one flow group's layout, its fields included; any change rebuilds
+// the template set.
 class FtExporterSm::FgStatusReactor : public HwFlowTracking::FgStatus::Notifiee {
  public:
    FgStatusReactor(const Kel::Ptr<const HwFlowTracking::FgStatus>& fg, FtExporterSm* sm) : sm_(sm) {
+      watch(fg);
+   }
+   // Follows `fg`, which may be another object for the same template id.
+   void watch(const Kel::Ptr<const HwFlowTracking::FgStatus>& fg) {
       notifierIs(fg);
+      entries_.clear();
+      for (const auto& [position, entry] : fg->templateEntry()) {
+         entryWatch(position);
+      }
    }
    void onFieldCount() override { sm_->scheduleTemplateCreation(); }
    void onEntryCount() override { sm_->scheduleTemplateCreation(); }
    void onGenId() override { sm_->scheduleTemplateCreation(); }
-   void onTemplateEntry(Kel::U32) override { sm_->scheduleTemplateCreation(); }
+   void onTemplateEntry(Kel::U32 position) override {
+      entryWatch(position);
+      sm_->scheduleTemplateCreation();
+   }
 
  private:
+   // A field whose length or enterprise flag is rewritten in place changes
+   // the template as much as a new field does.
+   class EntryReactor : public HwFlowTracking::FtTemplateEntry::Notifiee {
+    public:
+      EntryReactor(const Kel::Ptr<const HwFlowTracking::FtTemplateEntry>& e, FtExporterSm* sm)
+          : sm_(sm) {
+         notifierIs(e);
+      }
+      void onFieldLen() override { sm_->scheduleTemplateCreation(); }
+      void onEnterpriseIe() override { sm_->scheduleTemplateCreation(); }
+
+    private:
+      FtExporterSm* sm_;
+   };
+
+   void entryWatch(Kel::U32 position) {
+      if (const auto entry = notifier()->templateEntry(position)) {
+         entries_[position] = std::make_unique<EntryReactor>(entry, sm_);
+      } else {
+         entries_.erase(position);
+      }
+   }
+
    FtExporterSm* sm_;
+   std::map<Kel::U32, std::unique_ptr<EntryReactor>> entries_;
 };
 
 Kel::U32 getFgTemplateLength(const HwFlowTracking::FgStatus& fg) {
-   Kel::U32 length = templateRecordHeaderLen;
+   Kel::U32 enterpriseFields = 0;
    for (const auto& [position, entry] : fg.templateEntry()) {
-      length += fieldSpecifierLength(*entry);
+      enterpriseFields += entry->enterpriseIe() ? 1 : 0;
    }
-   return length;
+   return templateRecordLength(static_cast<Kel::U32>(fg.templateEntry().size()), enterpriseFields);
 }
 
 FtExporterSm::FtExporterSm(Kel::Name ftName, Kel::Name expName, FtId ftId,
@@ -79,6 +117,7 @@ Kel::U16 FtExporterSm::headerSetId() const {
 }
 
 void FtExporterSm::handleInitialized() {
+   traceEntry("FtExporterSm", "handleInitialized");
    handleStartup();
    templateCreationTask_ =
        newTask("TemplateCreationTask", [this] { handleTemplateCreationTask(); });
@@ -110,7 +149,7 @@ void FtExporterSm::hwFgStatusIs(const Kel::Ptr<const HwFlowTracking::FgStatus>& 
                    "hwFgStatus not allowed");
    auto& reactor = hwFgStatus_[fg->templateId()];
    if (reactor) {
-      reactor->notifierIs(fg);
+      reactor->watch(fg);
    } else {
       reactor = std::make_unique<FgStatusReactor>(fg, this);
    }
@@ -131,6 +170,8 @@ void FtExporterSm::hwFgStatusDelAll() {
 }
 
 void FtExporterSm::handleHwFgStatus(TemplateId id) {
+   KEL_TRACE(traceIpfix, 4, "FtExporterSm::handleHwFgStatus for {} for {} for {}", ftName(),
+             expName(), id);
    if (const auto fg = hwFtStatus_->hwFgStatus(id)) {
       hwFgStatusIs(fg);
    } else {
@@ -258,6 +299,9 @@ FtTemplateSm::~FtTemplateSm() {
       exportersDel(!ftExporterSm_.empty() ? ftExporterSm_.begin()->first
                                           : optTemplateExporterSm_.begin()->first);
    }
+   // The tracker's clear time goes with the tracker, like its exporters'.
+   collStats_->statsDel(
+       Vorpa::Ipfix::CollectorStatisticsKey(name_, Kel::String(), Vorpa::Ipfix::CollectorInfo()));
 }
 
 void FtTemplateSm::handleExporters(const Kel::Name& exporter) {
@@ -472,33 +516,7 @@ void TemplateSm::clearCounters() {
       return;
    }
    KEL_TRACE(traceIpfix, 3, "clear counters");
-   const bool everything = request.tracker.empty() && request.exporter.empty();
-   std::vector<Vorpa::Ipfix::CollectorStatisticsKey> matching;
-   collStats_->statsControl().forEach([&](const Vorpa::Ipfix::CollectorStatisticsKey& key,
-                                          const Vorpa::Ipfix::CollectorStatisticsEntry&) {
-      if (everything && key.exporter().empty() &&
-          key.collector() == Vorpa::Ipfix::CollectorInfo()) {
-         KEL_TRACE(traceIpfix, 3, "skip 'clear time' entry");
-         return;
-      }
-      if ((!request.tracker.empty() && key.tracker() != request.tracker) ||
-          (!request.exporter.empty() && key.exporter() != request.exporter)) {
-         KEL_TRACE(traceIpfix, 3, "tracker \"{}\" exporter \"{}\" did not match", key.tracker(),
-                   key.exporter());
-         return;
-      }
-      matching.push_back(key);
-   });
-   // Each collector's counters restart with its next message; the clear time
-   // lives in an entry of its own beside them.
-   for (const auto& key : matching) {
-      collStats_->statsDel(key);
-      Vorpa::Ipfix::CollectorStatisticsEntry cleared(Vorpa::Ipfix::CollectorStatisticsKey(
-          key.tracker(), request.exporter.empty() ? Kel::String() : key.exporter(),
-          Vorpa::Ipfix::CollectorInfo()));
-      cleared.lastClearedTimeIs(Kel::System::currentTime());
-      collStats_->statsIs(cleared);
-   }
+   Vorpa::Ipfix::statsClear(*collStats_, request.tracker, request.exporter);
 }
 
 }  // namespace FlowTracking

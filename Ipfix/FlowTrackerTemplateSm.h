@@ -62,6 +62,18 @@ class FtExporterSm final : public TemplateExporterSmBase {
 // Octets of one flow group's template record.
 Kel::U32 getFgTemplateLength(const HwFlowTracking::FgStatus& fg);
 
+// Octets of a template record of `fields` field specifiers, `enterpriseFields`
+// of which carry an enterprise number: a 4-octet record header, 4 octets a
+// field and 4 more for each enterprise number.
+constexpr Kel::U32 templateRecordLength(Kel::U32 fields, Kel::U32 enterpriseFields) {
+   return 4 + 4 * fields + 4 * enterpriseFields;
+}
+
+// The longest data template set one template message can carry to every
+// collector: a UDP datagram over IPv4 holds at most 65507 octets (65535 less
+// the IPv4 and UDP headers), of which the message and set headers take 20.
+inline constexpr Kel::U32 maxTemplateSetLength = 65507 - 20;
+
 // One tracker: the data-template and the options-template exporter of each
 // of its exporters.
 class FtTemplateSm : public Kel::PtrInterface {

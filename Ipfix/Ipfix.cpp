@@ -81,6 +81,10 @@ constexpr ElementRow elementRows[] = {
     {true, RecordType::broadscanTsNewLearn, 6},
 };
 
+ElementId elementOf(const ElementRow& row) {
+   return ElementId(row.enterpriseIe, row.id, row.len, recordTypeString(row.id));
+}
+
 }  // namespace
 
 Kel::String ElementId::string() const {
@@ -93,8 +97,17 @@ Kel::String ElementId::string() const {
 void ElementIdColl::doInitialize() {
    KEL_TRACE(traceIpfix, 4, "ElementIdColl::doInitialize");
    for (const ElementRow& row : elementRows) {
-      elementIdCollIs(ElementId(row.enterpriseIe, row.id, row.len, recordTypeString(row.id)));
+      elementIdCollIs(elementOf(row));
    }
+}
+
+ElementId catalogueElement(RecordType type) {
+   for (const ElementRow& row : elementRows) {
+      if (row.id == type) {
+         return elementOf(row);
+      }
+   }
+   return ElementId();
 }
 
 ElementId ElementIdColl::elementIdColl(RecordType type) const {

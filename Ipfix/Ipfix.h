@@ -70,6 +70,11 @@ class ElementIdColl : public Kel::Entity {
 
 Kel::Ptr<ElementIdColl> elementIdCollFactory();
 
+// The element ElementIdColl::doInitialize() inserts for `type`, for code that
+// needs the catalogue's answer without the entity (the default ElementId when
+// `type` is not exported).
+ElementId catalogueElement(RecordType type);
+
 // Agent-wide context handed, read-only, to every state machine.
 class AgentInfo : public Kel::Entity {
  public:

@@ -11,16 +11,19 @@ namespace {
 
 Kel::TraceHandle traceIpfix("Ipfix");
 
-// The per-type entry points, for an agent that creates the library by name.
-void registerEntryFactories() {
+// The library's entry points, for an agent that creates the library by name:
+// registered when the library is loaded, before anything is created.
+[[maybe_unused]] const bool entryFactoriesRegistered = [] {
    auto& registry = Kel::TypeRegistry::instance();
+   registry.factoryIs<decltype(ipfixInitSmFactory)>("IpfixInitSm", ipfixInitSmFactory);
    registry.factoryIs<decltype(FlowTracking::flowTrackingInfoSmFactory)>(
        "FlowTrackingInfoSm", FlowTracking::flowTrackingInfoSmFactory);
    registry.factoryIs<decltype(FlowTracking::templateSmFactory)>("TemplateSm",
                                                                  FlowTracking::templateSmFactory);
    registry.factoryIs<decltype(FlowTracking::optionsDataManagerSmFactory)>(
        "OptionsDataManagerSm", FlowTracking::optionsDataManagerSmFactory);
-}
+   return true;
+}();
 
 }  // namespace
 
@@ -33,7 +36,6 @@ void IpfixInitSm::handleInitialized() {
    elementIdCollection_ = Kel::makeActive<ElementIdColl>();
    elementIdCollection_->doInitialize();
    agentInfo_ = Kel::makeActive<AgentInfo>();
-   registerEntryFactories();
    attributeIs(initialized_, true, &Notifiee::onInitialized);
 }
 

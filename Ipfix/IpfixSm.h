@@ -28,9 +28,10 @@ class IpfixInitSm : public Kel::Entity {
    bool initialized_ = false;
 };
 
-// Called once by the agent before it creates any other state machine. It also
-// registers the per-type factories in Kel::TypeRegistry: "FlowTrackingInfoSm",
-// "TemplateSm" and "OptionsDataManagerSm".
+// Called once by the agent before it creates any other state machine. This and
+// the per-type factories are also in Kel::TypeRegistry from the moment the
+// library is loaded: "IpfixInitSm", "FlowTrackingInfoSm", "TemplateSm" and
+// "OptionsDataManagerSm".
 Kel::Ptr<IpfixInitSm> ipfixInitSmFactory();
 
 }  // namespace Ipfix

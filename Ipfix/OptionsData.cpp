@@ -83,7 +83,6 @@ Kel::Ptr<OptionsDataSource> OptionsDataSourceColl::sourceIs(const Kel::String& s
 }
 
 void OptionsDataUpdate::addUpdate(TemplateId dataSetId, const DataRecordPtr& record) {
-   Kel::checkMutatorArg(record, "dataRecord", "FlowTracking::OptionsDataUpdate::dataRecord");
    attributeIs(dataSetId_, dataSetId, &Notifiee::onDataSetId);
    attributeIs(dataRecord_, record, &Notifiee::onDataRecord);
    attributeIs(version_, version_ + 1, &Notifiee::onVersion);

@@ -126,8 +126,8 @@ class OptionsDataUpdate : public Kel::Entity {
    // Raised by one with every update.
    Kel::U32 version() const { return version_; }
 
-   // Stores the pair, then raises `version`. A null record is refused
-   // (NullMutatorArgException) and changes nothing.
+   // Stores the pair, then raises `version`. A null record is announced like
+   // any other; the exporter queues it as nothing to send (0 octets).
    void addUpdate(TemplateId dataSetId, const DataRecordPtr& record);
 
  private:

@@ -254,7 +254,12 @@ void OptionsDataExporterSm::collInfoWatch(const Kel::String& name) {
    }
 }
 
+void OptionsDataExporterSm::traceEntry(std::string_view handler) const {
+   KEL_TRACE(traceIpfix, 4, "OptionsDataExporterSm::{} for {}", handler, traceId_);
+}
+
 void OptionsDataExporterSm::handleInitialized() {
+   traceEntry("handleInitialized");
    const Kel::String suffix = ftName_ + "-" + expName_;
    collectorUpdateTask_ =
        std::make_unique<Bexa::Task>(scheduler_, "optionsDataExporterCollectorUpdate-" + suffix,
@@ -300,7 +305,7 @@ void OptionsDataExporterSm::handleCollectorOfFamily(const Kel::String& name, boo
    const auto it = configured.find(name);
    const Dst dst = it == configured.end() ? Dst{} : it->second;
    KEL_TRACE(traceIpfix, 3, "{}: collector {}, collInfo: {}, dst: {}:{}, templateSent: {}",
-             traceId_, name, bool(info), dst.ip, dst.port, info && info->optTemplateSent());
+             traceId_, name, info, dst.ip, dst.port, info && info->optTemplateSent());
    const auto existing = family.find(name);
    if (!(isSet(dst) && info && info->optTemplateSent())) {
       if (existing != family.end()) {
@@ -332,14 +337,17 @@ void OptionsDataExporterSm::collectorDel(CollectorMap& family, CollectorMap::ite
 }
 
 void OptionsDataExporterSm::handleCollector4(const Kel::String& name) {
+   traceEntry("handleCollector4");
    handleCollectorOfFamily(name, true, hwExpConfig_->collectorIpAndPort());
 }
 
 void OptionsDataExporterSm::handleCollector6(const Kel::String& name) {
+   traceEntry("handleCollector6");
    handleCollectorOfFamily(name, false, hwExpConfig_->collectorIp6AndPort());
 }
 
 void OptionsDataExporterSm::handleCollector(const Kel::String& name) {
+   traceEntry("handleCollector");
    if (!initialized_) {
       return;
    }
@@ -349,6 +357,7 @@ void OptionsDataExporterSm::handleCollector(const Kel::String& name) {
 }
 
 void OptionsDataExporterSm::handleSrc4() {
+   traceEntry("handleSrc4");
    KEL_TRACE(traceIpfix, 3, "{}: src: {}", traceId_, hwExpConfig_->srcIpAddr());
    if (v4Ready()) {
       for (const auto& [name, c] : collector4_) {
@@ -359,6 +368,7 @@ void OptionsDataExporterSm::handleSrc4() {
 }
 
 void OptionsDataExporterSm::handleSrc6() {
+   traceEntry("handleSrc6");
    KEL_TRACE(traceIpfix, 3, "{}: src: {}", traceId_, hwExpConfig_->srcIp6Addr());
    if (v6Ready()) {
       for (const auto& [name, c] : collector6_) {
@@ -369,6 +379,7 @@ void OptionsDataExporterSm::handleSrc6() {
 }
 
 void OptionsDataExporterSm::processCollectorQueue() {
+   traceEntry("processCollectorQueue");
    if (!initialized_) {
       return;
    }
@@ -400,6 +411,7 @@ void OptionsDataExporterSm::processCollectorQueue() {
 }
 
 void OptionsDataExporterSm::maybeSchedulePeriodic() {
+   traceEntry("maybeSchedulePeriodic");
    if (!txPeriodicTask_) {
       return;
    }
@@ -416,6 +428,7 @@ void OptionsDataExporterSm::maybeSchedulePeriodic() {
 }
 
 void OptionsDataExporterSm::maybeBeginPeriodicTransmission() {
+   traceEntry("maybeBeginPeriodicTransmission");
    if (!initialized_) {
       return;
    }
@@ -437,6 +450,7 @@ void OptionsDataExporterSm::maybeBeginPeriodicTransmission() {
 }
 
 void OptionsDataExporterSm::sendDataTables() {
+   traceEntry("sendDataTables");
    if (!initialized_ || !processing_) {
       return;
    }
@@ -460,7 +474,28 @@ std::size_t OptionsDataExporterSm::msgCacheOctets() const {
    return octets;
 }
 
+void OptionsDataExporterSm::startBuilding() {
+   KEL_TRACE(traceIpfix, 3, "{}: IPFIX max msg size: {}", traceId_, maxMessageSize());
+   builder_.builderIs(maxMessageSize(), ftId_);
+   builder_.startMsg();
+}
+
+// A record that does not fit the message being built closes it, hands it to
+// `full` and starts the next one; a record that does not fit an empty message
+// is a bug the configuration checks rule out.
+template <class Full>
+void OptionsDataExporterSm::addRecord(TemplateId setId, const DataRecordPtr& record, Full&& full) {
+   Kel::U32 consumed = builder_.addSetRecord(setId, record);
+   if (consumed == 0 && builder_.hasRecords()) {
+      full(builder_.finalizeMsg());
+      builder_.startMsg();
+      consumed = builder_.addSetRecord(setId, record);
+   }
+   KEL_ASSERT(consumed > 0);
+}
+
 void OptionsDataExporterSm::maybeBuildMsgCache() {
+   traceEntry("maybeBuildMsgCache");
    KEL_ASSERT(initialized());
    KEL_ASSERT(!processing());
    KEL_TRACE(traceIpfix, 3, "{}: msgCacheValid:{}", traceId_, msgCacheValid_);
@@ -469,20 +504,16 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
    }
    msgCache_.clear();
    ++msgCacheBuildCount_;
-   builder_.builderIs(maxMessageSize(), ftId_);
-   builder_.startMsg();
+   startBuilding();
+   const auto cache = [this](Kel::Ptr<MessageWrapper> msgWrap) {
+      msgCache_.push_back(std::move(msgWrap));
+   };
    for (const auto& [scope, coll] : dataContainer_->data()) {
       for (const auto& [sourceName, source] : coll->source()) {
          const TemplateId setId = source->dataSetId();
          Kel::U32 added = 0;
          for (const DataRecordPtr& record : source->dataRecord()) {
-            Kel::U32 consumed = builder_.addSetRecord(setId, record);
-            if (consumed == 0) {
-               msgCache_.push_back(builder_.finalizeMsg());
-               builder_.startMsg();
-               consumed = builder_.addSetRecord(setId, record);
-               KEL_ASSERT(consumed > 0);
-            }
+            addRecord(setId, record, cache);
             ++added;
          }
          KEL_TRACE(traceIpfix, 3, "{}: added {} records from {}, setId: {}", traceId_, added,
@@ -497,6 +528,7 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
 }
 
 void OptionsDataExporterSm::handleUpdateData(OptionsDataScope scope) {
+   traceEntry("handleUpdateData");
    KEL_ASSERT(initialized());
    const auto update = dataContainer_->update(scope);
    if (!update) {
@@ -518,23 +550,21 @@ void OptionsDataExporterSm::handleUpdateData(OptionsDataScope scope) {
 }
 
 void OptionsDataExporterSm::flushUpdateQueue() {
+   traceEntry("flushUpdateQueue");
    if (!initialized_ || updateQueueBytes_ == 0) {
       return;
    }
-   builder_.builderIs(maxMessageSize(), ftId_);
-   builder_.startMsg();
+   startBuilding();
+   const auto send = [this](const Kel::Ptr<MessageWrapper>& msgWrap) {
+      sendMessageToCollectors(*msgWrap);
+   };
    bool yielded = false;
    for (auto it = update_.begin(); it != update_.end() && !yielded;) {
       UpdateSetQueue& queue = it->second;
       while (!queue.empty() && !yielded) {
          const DataRecordPtr record = queue.recordDeq();
          if (record) {
-            if (builder_.addSetRecord(queue.setId(), record) == 0) {
-               sendMessageToCollectors(*builder_.finalizeMsg());
-               builder_.startMsg();
-               const Kel::U32 consumed = builder_.addSetRecord(queue.setId(), record);
-               KEL_ASSERT(consumed > 0);
-            }
+            addRecord(queue.setId(), record, send);
             updateQueueBytes_ -= record->dataLen();
          }
          yielded = scheduler_->shouldYield();
@@ -550,6 +580,7 @@ void OptionsDataExporterSm::flushUpdateQueue() {
 }
 
 void OptionsDataExporterSm::abortUpdates() {
+   traceEntry("abortUpdates");
    KEL_TRACE(traceIpfix, 3, "{}: queue bytes: {}", traceId_, updateQueueBytes_);
    updateTask_->stopTask();
    update_.clear();

@@ -125,12 +125,17 @@ class OptionsDataExporterSm : public Kel::Entity {
    class ExpInfoReactor;
    class CollInfoReactor;
 
+   void traceEntry(std::string_view handler) const;
    void handleInitialized();
    void bindDataSources();
    void handleCollector(const Kel::String& name);
    void collInfoWatch(const Kel::String& name);
    void msgCacheInvalidate() { msgCacheValid_ = false; }
    void sendDataTables();
+   // A fresh message in a builder for the exporter's message size.
+   void startBuilding();
+   template <class Full>
+   void addRecord(TemplateId setId, const DataRecordPtr& record, Full&& full);
    // Sends one message to every ready collector and counts it.
    void sendMessageToCollectors(const MessageWrapper& msgWrap);
    // Sends one message to every ready collector, leaving it to be counted.

@@ -75,6 +75,8 @@ FtOptionsDataManagerSm::~FtOptionsDataManagerSm() {
       data->sourceDel(sourceName("FlowKey"));
       data->sourceDel(sourceName("FlowTrackerTable"));
    }
+   KEL_TRACE(traceIpfix, 3, "Deleted FlowKeySm for {}", ftName_);
+   KEL_TRACE(traceIpfix, 3, "Deleted FlowTrackerTableSm for {}", ftName_);
 }
 
 Kel::Ptr<OptionsDataSourceColl> FtOptionsDataManagerSm::trackerData() const {
@@ -222,6 +224,8 @@ OptionsDataManagerSm::~OptionsDataManagerSm() {
    intfTableSm_ = nullptr;
    vrfTableSm_ = nullptr;
    dataAll_->globalData()->sourceDelAll();
+   KEL_TRACE(traceIpfix, 3, "Deleted InterfaceTableSm");
+   KEL_TRACE(traceIpfix, 3, "Deleted VrfTableSm");
 }
 
 void OptionsDataManagerSm::handleInitialized() {

@@ -72,6 +72,7 @@ void VrfTableSm::handleInitialized() {
 }
 
 void VrfTableSm::handleVrfIndexAll() {
+   KEL_TRACE(traceIpfix, 4, "VrfTableSm::handleVrfIndexAll for {}", dataSource_->sourceName());
    const auto vrfs = vrfIdMapStatus_->vrfIdToName();
    KEL_TRACE(traceIpfix, 3, "VrfTableSm::map count: {}", vrfs.size());
    dataSource_->dataRecordDelAll();

@@ -41,6 +41,7 @@ Kel::U16 OptionsTemplateExporterSm::headerSetId() const {
 }
 
 void OptionsTemplateExporterSm::handleInitialized() {
+   traceEntry("OptionsTemplateExporterSm", "handleInitialized");
    handleStartup();
    templateCreationTask_ =
        newTask("TemplateCreationTask", [this] { handleTemplateCreationTask(); });
@@ -70,6 +71,7 @@ Kel::U32 OptionsTemplateExporterSm::addTemplateFieldSpecifier(const Kel::Ptr<Niv
 }
 
 void OptionsTemplateExporterSm::handleOptTemplateConfigVersion() {
+   traceEntry("OptionsTemplateExporterSm", "handleOptTemplateConfigVersion");
    templateCreationTask_->scheduleTask();
 }
 

@@ -13,6 +13,7 @@ namespace {
 
 Kel::TraceHandle traceIpfix("Ipfix");
 
+constexpr std::string_view baseClassName = "TemplateExporterSmBase";
 constexpr Bexa::TaskPriority templateTaskPriority{2};
 constexpr Kel::U32 headersLen =
     Nivel::IpfixConst::messageHeaderLen() + Nivel::IpfixConst::setHeaderLen();
@@ -39,6 +40,9 @@ class TemplateExporterSmBase::HwExpConfigReactor : public HwFlowTracking::Export
       sm_->handleCollectorIp6AndPort(name);
    }
    void onTemplateInterval() override { sm_->handleTemplateInterval(); }
+   // A source address given (or taken away) opens (or closes) its family.
+   void onSrcIpAddr() override { sm_->maybeTxTemplate4_(); }
+   void onSrcIp6Addr() override { sm_->maybeTxTemplate6_(); }
 
  private:
    TemplateExporterSmBase* sm_;
@@ -91,6 +95,11 @@ Kel::U32 TemplateExporterSmBase::exportTimeU32(const Kel::String& collector) con
    return it == exportTimeU32_.end() ? 0 : it->second;
 }
 
+void TemplateExporterSmBase::traceEntry(std::string_view className,
+                                        std::string_view handler) const {
+   KEL_TRACE(traceIpfix, 4, "{}::{} for {} for {}", className, handler, ftName_, expName_);
+}
+
 std::unique_ptr<Bexa::Task> TemplateExporterSmBase::newTask(const Kel::String& role,
                                                             Bexa::Task::Action action) const {
    return std::make_unique<Bexa::Task>(scheduler_,
@@ -99,6 +108,7 @@ std::unique_ptr<Bexa::Task> TemplateExporterSmBase::newTask(const Kel::String& r
 }
 
 void TemplateExporterSmBase::handleStartup() {
+   traceEntry(baseClassName, "handleStartup");
    templateReady_ = false;
    templateTxCount_ = 0;
    periodicTemplateTxTask_ = newTask("PeriodicTxTask", [this] { handlePeriodicTemplateTx(); });
@@ -115,6 +125,7 @@ void TemplateExporterSmBase::handleStartup() {
 }
 
 void TemplateExporterSmBase::handleDel() {
+   traceEntry(baseClassName, "handleDel");
    hwExpConfigReactor_.reset();
    expInfoReactor_.reset();
    stopPeriodicTemplateTx_();
@@ -124,6 +135,8 @@ void TemplateExporterSmBase::handleDel() {
    for (const auto& [name, dst] : collectorIp6AndPort_) {
       statsDel(Vorpa::Ipfix::CollectorInfo::fromIp6AndPort(dst));
    }
+   // The exporter's clear time, kept under the empty collector.
+   statsDel(Vorpa::Ipfix::CollectorInfo());
 }
 
 Kel::Ptr<Nivel::Pkt> TemplateExporterSmBase::getPkt(Kel::U32 bodyLen) const {
@@ -195,9 +208,12 @@ void TemplateExporterSmBase::afterFamilyRound_(bool& sending, bool otherSending)
    }
 }
 
+// A family is served only while it can be served whole: an exporter that
+// sent templates without a source address for its options data would report
+// itself active and never send them.
 void TemplateExporterSmBase::maybeTxTemplate4_() {
    sending4_ = false;
-   if (templateReady_ && expInfo_->udpPam4()) {
+   if (templateReady_ && expInfo_->udpPam4() && !hwExpConfig_->srcIpAddr().isUnspecified()) {
       for (const auto& [name, dst] : collectorIpAndPort_) {
          doTxTemplate4_(dst, name);
          sending4_ = true;
@@ -208,7 +224,7 @@ void TemplateExporterSmBase::maybeTxTemplate4_() {
 
 void TemplateExporterSmBase::maybeTxTemplate6_() {
    sending6_ = false;
-   if (templateReady_ && expInfo_->udpPam6()) {
+   if (templateReady_ && expInfo_->udpPam6() && !hwExpConfig_->srcIp6Addr().isUnspecified()) {
       for (const auto& [name, dst] : collectorIp6AndPort_) {
          doTxTemplate6_(dst, name);
          sending6_ = true;
@@ -300,11 +316,13 @@ void TemplateExporterSmBase::handleCollectorIp6AndPort(const Kel::String& collec
 }
 
 void TemplateExporterSmBase::handleTemplateInterval() {
+   traceEntry(baseClassName, "handleTemplateInterval");
    stopPeriodicTemplateTx_();
    maybeTxTemplate_();
 }
 
 void TemplateExporterSmBase::handlePeriodicTemplateTx() {
+   traceEntry(baseClassName, "handlePeriodicTemplateTx");
    if (!periodicTemplateTxTask_->taskCurrentlyRunning()) {
       KEL_TRACE(traceIpfix, 3, "Returning because periodicTemplateTxTask not running.");
       return;

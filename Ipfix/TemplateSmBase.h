@@ -2,6 +2,7 @@
 
 #include <map>
 #include <memory>
+#include <string_view>
 
 #include "Bexa/TaskScheduler.h"
 #include "HwFlowTracking/Config.h"
@@ -63,7 +64,8 @@ class TemplateExporterSmBase : public Kel::PtrInterface {
    void handleCollectorIp6AndPort(const Kel::String& collector);
    void handleTemplateInterval();
    void handlePeriodicTemplateTx();
-   // Removes the statistics of every collector served; run before deletion.
+   // Removes the statistics of every collector served and the exporter's
+   // clear time; run before deletion.
    void handleDel();
 
  protected:
@@ -75,6 +77,9 @@ class TemplateExporterSmBase : public Kel::PtrInterface {
 
    // First thing of the derived class's start-up, once it is fully built.
    void handleStartup();
+   // The level-4 trace of a handler's entry: `className`::`handler` for the
+   // tracker for the exporter.
+   void traceEntry(std::string_view className, std::string_view handler) const;
    // A task named after the derived class, the tracker and the exporter.
    std::unique_ptr<Bexa::Task> newTask(const Kel::String& role, Bexa::Task::Action action) const;
 

@@ -168,8 +168,11 @@ void TaskScheduler::runTask(Task& task, Kel::Seconds now) {
       throw;
    } catch (const std::exception& e) {
       ++taskExceptions_;
-      KEL_TRACE(traceBexa, 1, "Caught exception in task {}: {}",
-                current_ ? current_->name() : Kel::Name("(destroyed)"), e.what());
+      const auto* known = dynamic_cast<const Kel::Exception*>(&e);
+      if (!known || !known->reported()) {
+         KEL_TRACE(traceBexa, 1, "Caught exception in task {}: {}",
+                   current_ ? current_->name() : Kel::Name("(destroyed)"), e.what());
+      }
    }
    current_ = outer;
    Kel::turnEnd();

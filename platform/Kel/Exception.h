@@ -8,10 +8,18 @@
 
 namespace Kel {
 
-// Base of the framework's recoverable errors.
+// Base of the framework's recoverable errors. Code that catches one where it
+// is expected, traces it and lets it go on marks it reported, so that whoever
+// catches it last (a task loop) counts it without reporting it again.
 class Exception : public std::runtime_error {
  public:
    using std::runtime_error::runtime_error;
+
+   bool reported() const noexcept { return reported_; }
+   void reportedIs(bool reported) noexcept { reported_ = reported; }
+
+ private:
+   bool reported_ = false;
 };
 
 // A broken invariant: a bug, never a consequence of outside input. what() is

@@ -122,6 +122,9 @@ TraceCapture::~TraceCapture() {
 }
 
 void TraceCapture::write(const TraceRecord& record) {
+   if (record.facility != facility_) {
+      return;
+   }
    lines_.emplace_back(record.text);
    levels_.push_back(record.level);
 }

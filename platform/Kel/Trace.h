@@ -68,8 +68,9 @@ class Trace {
    static void sinksIs(std::vector<TraceSink*> sinks);
 };
 
-// Captures trace lines for a test, instead of the usual sinks, and enables the
-// given facility up to `level` while it lives.
+// Captures the trace lines of one facility for a test, instead of the usual
+// sinks, and enables that facility up to `level` while it lives. Lines of other
+// facilities (enabled by IPFIX_TRACE, say) are dropped.
 class TraceCapture final : public TraceSink {
  public:
    TraceCapture(std::string_view facility, int level);

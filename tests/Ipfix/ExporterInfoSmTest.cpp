@@ -217,6 +217,15 @@ TEST_F(ExporterTest, SocketOpenFailureLeavesOnlyThatExporterInactive) {
                                    "(errno 13)"});
    EXPECT_EQ(sched_->taskExceptions(), 1u);
    EXPECT_TRUE(logs.lines().empty());
+   {
+      // The scheduler counts what the library reported, without a second report.
+      Kel::TraceCapture scheduler("Bexa", 1);
+      hwConfig_->hwFtConfig("t1")->expConfigDel("e1");
+      addExporter("t1", "e1");
+      sched_->runFor(0);
+      EXPECT_EQ(sched_->taskExceptions(), 2u);
+      EXPECT_TRUE(scheduler.lines(1).empty());
+   }
 
    const auto other = exporterInfo("t1", "e2");
    ASSERT_TRUE(other->udpPam4());

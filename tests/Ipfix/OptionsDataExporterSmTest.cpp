@@ -214,6 +214,42 @@ TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessage)
    EXPECT_EQ(c4_.records(d).size(), 6u);
 }
 
+TEST_F(OptionsDataExportTest, NullUpdateIsQueuedAsNothingToSend) {
+   fill(1);
+   startExporter();
+   sched_->runFor(0);
+   c4_.dataDatagrams();
+   update_->addUpdate(intfSetId, nullptr);
+   EXPECT_EQ(update_->version(), 1u);
+   EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
+   update_->addUpdate(intfSetId, intfRecord(5, "Ethernet5"));
+   update_->addUpdate(intfSetId, nullptr);
+   EXPECT_EQ(exporter_->updateQueueBytes(), 14u);
+   sched_->runFor(1.0);
+   EXPECT_EQ(c4_.records(c4_.dataDatagrams()), (std::vector<Record>{intf(5, "Ethernet5")}));
+}
+
+// The smallest MTU leaves 125 octets a message: headers of 20 and a record
+// of 105 fit; a record one octet longer fits no message at all.
+TEST_F(OptionsDataExportTest, RecordLongerThanAnEmptyMessageIsABug) {
+   exp_->ipfixMtuIs(173);
+   for (const Kel::U32 nameLength : {100u, 101u}) {
+      SCOPED_TRACE(nameLength);
+      source_->dataRecordDelAll();
+      source_->dataRecordIs(intfRecord(1, std::string(nameLength, 'n')));
+      source_->versionInc(1);
+      const Kel::String failure = thrownText([&] {
+         startExporter();
+         sched_->runFor(0);
+      });
+      EXPECT_EQ(failure, nameLength == 100 ? "(nothing thrown)" : "consumed > 0");
+      exporter_ = nullptr;
+      templateSm_ = nullptr;
+   }
+   EXPECT_EQ(c4_.records(c4_.dataDatagrams()),
+             (std::vector<Record>{intf(1, std::string(100, 'n'))}));
+}
+
 TEST_F(OptionsDataExportTest, PeriodicTransmissionDiscardsQueuedUpdates) {
    fill(2);
    hwConfig_->hwFtConfig("t1")->activeIntervalIs(10000);

@@ -3,6 +3,7 @@
 #include "ExportFixture.h"
 #include "FlowTracking/Constants.h"
 #include "Ipfix/OptionsDataManagerSm.h"
+#include "Kel/Trace.h"
 #include "Kel/TypeRegistry.h"
 #include "support/LoopbackCollector.h"
 
@@ -109,8 +110,11 @@ TEST_F(OptionsDataManagerTest, TrackersShareTheGlobalSourcesAndOwnTheirs) {
 
    // A tracker that goes takes its sources along and leaves the other's.
    const auto t1Data = manager_->dataContainer("t1")->data(OptionsDataScope::scopeTracker);
+   Kel::TraceCapture capture("Ipfix", 3);
    hwStatus_->hwFtStatusDel("t1");
    EXPECT_TRUE(t1Data->source().empty());
+   EXPECT_TRUE(capture.contains("Deleted FlowKeySm for t1"));
+   EXPECT_TRUE(capture.contains("Deleted FlowTrackerTableSm for t1"));
    EXPECT_EQ(manager_->dataContainer("t2")->data(OptionsDataScope::scopeTracker)->source().size(),
              2u);
    EXPECT_EQ(all->globalData()->source().size(), 2u);
@@ -152,9 +156,11 @@ TEST_F(OptionsDataManagerTest, TheAgentCanCreateTheManagerByName) {
    addTracker("t1");
    addStatus("t1");
    ftInfo_->ftInfoIs("t1");
-   const auto factory =
-       Kel::TypeRegistry::instance().factory<decltype(FlowTracking::optionsDataManagerSmFactory)>(
-           "OptionsDataManagerSm");
+   const auto& registry = Kel::TypeRegistry::instance();
+   const auto init = registry.factory<decltype(Ipfix::ipfixInitSmFactory)>("IpfixInitSm")();
+   EXPECT_TRUE(init->initialized());
+   const auto factory = registry.factory<decltype(FlowTracking::optionsDataManagerSmFactory)>(
+       "OptionsDataManagerSm");
    manager_ = factory(hwConfig_, hwStatus_, ftInfo_, intfMap_, vrfStatus_, stats_, sched_);
    EXPECT_NE(ftManager("t1"), nullptr);
 }

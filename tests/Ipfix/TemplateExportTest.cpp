@@ -149,6 +149,34 @@ TEST_F(TemplateExportTest, LateCollectorPeriodAndFlowGroupChange) {
    }
 }
 
+// A field rewritten in place (a new length, as a hardware upgrade may report)
+// changes the template as much as a new field does.
+TEST_F(TemplateExportTest, FieldChangedInPlaceIsResent) {
+   startTemplates();
+   sched_->runFor(0);
+   learn(rx4_, 7);
+   hwStatus_->hwFtStatus("t1")->hwFgStatus(280)->templateEntry(1)->fieldLenIs(4);
+   sched_->runFor(0);
+   const Learnt l = learn(rx4_, 7);
+   ASSERT_EQ(l.data.size(), 2u);
+   EXPECT_EQ(l.data[0], (Template{280, 0, {{0, 27, 16}, {0, 1, 4}}}));
+}
+
+// An exporter serves a family only with both its socket and a source address:
+// templates without options data would make it active and half-working.
+TEST_F(TemplateExportTest, FamilyWithoutSourceAddressSendsNothingUntilItHasOne) {
+   exp_->srcIpAddrIs(Nivel::IpAddr());
+   startTemplates();
+   sched_->runFor(0);
+   EXPECT_TRUE(rx4_.receiveAll().empty());
+   EXPECT_FALSE(exp_->exporter4Ready());
+   EXPECT_EQ(learn(rx6_, 7).datagrams.size(), 2u);
+   exp_->srcIpAddrIs(*Nivel::IpAddr::parse("127.0.0.1"));
+   sched_->runFor(0);
+   EXPECT_EQ(learn(rx4_, 7).data, expectedDataTemplates);
+   EXPECT_TRUE(exp_->exporter4Ready());
+}
+
 TEST_F(TemplateExportTest, SequenceNumberIsCurrentAndExportTimeIsTimeOfSend) {
    startTemplates();
    sched_->runFor(0);
@@ -266,6 +294,15 @@ TEST_F(TemplateExportTest, StatisticsCountWhatWasSentAndClearingRestartsThem) {
                    ->stats(CollectorStatisticsKey("t1", "e1",
                                                   CollectorInfo::fromIp6AndPort(rx6_.ip6AndPort())))
                    .has_value());
+
+   // Clear times go with their exporter and tracker: a table sized for the
+   // configuration never fills with those of removed ones.
+   configReq_->clearCountersIs({"t1", "e1", Kel::System::currentTime() + 1});
+   EXPECT_EQ(stats_->statsControl().size(), 2u) << "the tracker's and the exporter's clear times";
+   hwConfig_->hwFtConfig("t1")->expConfigDel("e1");
+   EXPECT_FALSE(stats_->stats(CollectorStatisticsKey("t1", "e1", CollectorInfo())).has_value());
+   hwConfig_->hwFtConfigDel("t1");
+   EXPECT_EQ(stats_->statsControl().size(), 0u);
 }
 
 }  // namespace

@@ -164,12 +164,19 @@ TEST_F(TaskSchedulerTest, LongTaskYieldsToHigherPriorityAndAfterItsSlice) {
 TEST_F(TaskSchedulerTest, ExceptionLeavingTaskIsTracedCountedAndLoopGoesOn) {
    Kel::TraceCapture capture("Bexa", 1);
    auto bad = task("bad", 1, [] { throw Kel::ErrnoException(ENOBUFS, "send"); });
+   // One that code on the way out has traced already is only counted.
+   auto reported = task("reported", 1, [] {
+      Kel::ErrnoException e(EACCES, "open");
+      e.reportedIs(true);
+      throw e;
+   });
    auto good = task("good");
    bad->scheduleTask();
+   reported->scheduleTask();
    good->scheduleTask();
    sched_->runFor(0);
-   EXPECT_EQ(ran_, (std::vector<Kel::String>{"bad@0", "good@0"}));
-   EXPECT_EQ(sched_->taskExceptions(), 1u);
+   EXPECT_EQ(ran_, (std::vector<Kel::String>{"bad@0", "reported@0", "good@0"}));
+   EXPECT_EQ(sched_->taskExceptions(), 2u);
    EXPECT_EQ(capture.lines(1),
              std::vector<Kel::String>{
                  "Caught exception in task bad: send: No buffer space available (errno 105)"});

@@ -27,8 +27,11 @@ struct fmt::formatter<Expensive> : fmt::formatter<int> {
 namespace {
 
 TEST(Trace, LevelFilteringAndCapture) {
+   Kel::Trace::configure("TraceOther/9");
+   const Kel::TraceHandle other("TraceOther");
    Kel::TraceCapture capture("TraceTest", 3);
    int formatted = 0;
+   KEL_TRACE(other, 1, "a line of another facility, which the capture leaves out");
    KEL_TRACE(traceTest, 4, "entry {}", Expensive{&formatted});
    KEL_TRACE(traceTest, 3, "Created ExporterInfoSm for {}", "e1");
    KEL_TRACE(traceTest, 1, "Caught ErrnoException: {}", Expensive{&formatted});
@@ -37,6 +40,7 @@ TEST(Trace, LevelFilteringAndCapture) {
                                                         "Caught ErrnoException: expensive"}));
    EXPECT_EQ(capture.lines(1), (std::vector<Kel::String>{"Caught ErrnoException: expensive"}));
    EXPECT_TRUE(capture.contains("Created ExporterInfoSm for e1"));
+   Kel::Trace::configure("TraceOther/0");
 }
 
 TEST(Trace, CaptureRestoresLevelWhenDone) {

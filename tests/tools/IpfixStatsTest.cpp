@@ -46,6 +46,9 @@ class IpfixStatsTest : public ::testing::Test {
       Vorpa::Ipfix::statsUpdateAfterTemplates(*stats, "ft1", "exp1", v4, 200, templates);
       at(50);
       Vorpa::Ipfix::statsUpdateAfterOptionsData(*stats, "ft1", "exp1", v4, 300, data);
+      at(30);
+      Vorpa::Ipfix::statsUpdateAfterTemplates(*stats, "ft1", "exp2", collector("192.0.2.2:4739"),
+                                              200, templates);
       at(20);
       Vorpa::Ipfix::statsClear(*stats, "ft1", "exp2");
       at(10);
