@@ -26,7 +26,9 @@ struct Collector {
 
 struct Exporter {
    std::map<Kel::Name, Collector> collectors;
-   // Unset: the unspecified address, so the kernel picks the source.
+   // As the file gives them; the loader fills in a missing one with the
+   // address the kernel would use towards the family's first collector. Unset
+   // only for a family without collectors, which sends nothing.
    std::optional<Nivel::IpAddr> srcIpv4;
    std::optional<Nivel::Ip6Addr> srcIpv6;
    // The DSCP code point as the operator writes it (46 for EF), not the ToS byte.
@@ -77,6 +79,8 @@ inline constexpr std::string_view defaultStatisticsTable =
 struct AgentConfig {
    // The shared-memory collector statistics table the agent writes.
    Kel::Name statisticsTable{defaultStatisticsTable};
+   // Entries that table holds, when the file sets it (see StatisticsSizing.h).
+   std::optional<Kel::U32> statisticsCapacity;
    // Only the types the file configures.
    std::map<FlowTracking::FlowTrackingType, Tracking> tracking;
    // Interface name to interface index.

@@ -11,6 +11,7 @@
 #include "ControlRequests.h"
 #include "Kel/Exception.h"
 #include "Kel/Trace.h"
+#include "StatisticsSizing.h"
 
 namespace Agent {
 
@@ -56,7 +57,8 @@ bool AgentRuntime::start() {
    }
    controlChannelIs(config->statisticsTable);
    init_ = Ipfix::ipfixInitSmFactory();
-   stats_ = Vorpa::Ipfix::collectorStatisticsFactory(config->statisticsTable);
+   stats_ = Vorpa::Ipfix::collectorStatisticsFactory(config->statisticsTable,
+                                                     statisticsCapacity(*config));
    writer_ = std::make_unique<ModelWriter>(init_->elementIdCollection(), interfaces_, vrfs_);
    writer_->configIs(*config);
    librariesIs(*config);
@@ -140,13 +142,27 @@ void AgentRuntime::reload() {
                    options_.configPath.c_str());
       return;
    }
-   if (config->statisticsTable != writer_->config().statisticsTable) {
+   const AgentConfig& running = writer_->config();
+   const Kel::U32 capacity = stats_->statsControl().capacity();
+   if (statisticsEntries(*config) > capacity) {
       std::fprintf(stderr,
-                   "ipfix-agent: the statistics table changes only with a restart; keeping %s\n",
-                   writer_->config().statisticsTable.c_str());
+                   "ipfix-agent: %s needs %llu statistics entries and the running table holds "
+                   "%u; not applied, still running the previous one. Restart ipfix-agent to make "
+                   "the table anew for it (statistics-capacity sets its size)\n",
+                   options_.configPath.c_str(),
+                   static_cast<unsigned long long>(statisticsEntries(*config)), capacity);
+      return;
+   }
+   if (config->statisticsTable != running.statisticsTable ||
+       config->statisticsCapacity != running.statisticsCapacity) {
+      std::fprintf(stderr,
+                   "ipfix-agent: the statistics table and its capacity change only with a "
+                   "restart; keeping %s of %u entries\n",
+                   running.statisticsTable.c_str(), capacity);
    }
    AgentConfig applied = *config;
-   applied.statisticsTable = writer_->config().statisticsTable;
+   applied.statisticsTable = running.statisticsTable;
+   applied.statisticsCapacity = running.statisticsCapacity;
    writer_->configIs(applied);
    librariesIs(applied);
 }

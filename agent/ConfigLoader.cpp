@@ -10,6 +10,10 @@
 #include <sstream>
 
 #include "ConfigLimits.h"
+#include "Ipfix/FlowTrackerTemplateSm.h"
+#include "Kel/Trace.h"
+#include "SourceAddress.h"
+#include "StatisticsSizing.h"
 #include "YamlReader.h"
 
 namespace Agent {
@@ -17,6 +21,33 @@ namespace Agent {
 namespace {
 
 using FlowTracking::FlowTrackingType;
+
+Kel::TraceHandle traceAgent("Agent");
+
+// Octets of the data template set the library builds for the tracker's flow
+// groups: one template record for each group that has entries.
+Kel::U64 dataTemplateSetLength(const Tracker& tracker) {
+   Kel::U64 length = 0;
+   for (const auto& [id, group] : tracker.flowGroups) {
+      if (group.entryCount == 0) {
+         continue;
+      }
+      const auto enterprise = std::count_if(
+          group.fields.begin(), group.fields.end(),
+          [](const FlowField& f) { return Ipfix::catalogueElement(f.element).enterpriseIe(); });
+      length += FlowTracking::templateRecordLength(static_cast<Kel::U32>(group.fields.size()),
+                                                   static_cast<Kel::U32>(enterprise));
+   }
+   return length;
+}
+
+// The first collector of one address family in an exporter's list, where an
+// unset source address of that family is resolved towards.
+struct FirstCollector {
+   Kel::Name name;
+   Collector collector;
+   YamlValue address;
+};
 
 // Where each name or id of one scope was first given, to report repeats.
 template <class Key>
@@ -59,21 +90,42 @@ class Loader {
 
  private:
    void readRoot(const YamlValue& doc, AgentConfig& config) {
-      const auto m = r_.mapping(doc, {"statistics-table", "flow-tracking", "interfaces", "vrfs"});
+      const auto m = r_.mapping(
+          doc, {"statistics-table", "statistics-capacity", "flow-tracking", "interfaces", "vrfs"});
       if (!m) {
          return;
       }
       if (const auto v = m->get("statistics-table")) {
          setIfRead(config.statisticsTable, statisticsTableName(*v));
       }
+      const auto capacity = m->get("statistics-capacity");
+      if (capacity) {
+         config.statisticsCapacity =
+             r_.integer(*capacity, 1, maxStatisticsCapacity, "a number of statistics entries");
+      }
       if (const auto v = m->get("flow-tracking")) {
          readFlowTracking(*v, config);
+         checkStatisticsCapacity(capacity ? *capacity : *v, config);
       }
       if (const auto v = m->get("interfaces")) {
          readInterfaces(*v, config);
       }
       if (const auto v = m->get("vrfs")) {
          readVrfs(*v, config);
+      }
+   }
+
+   static constexpr Kel::U32 maxStatisticsCapacity = Vorpa::Ipfix::CollectorStatistics::maxCapacity;
+
+   // Every collector must find room in the statistics table: a full table
+   // refuses new entries, and the collectors past it would go without.
+   void checkStatisticsCapacity(const YamlValue& at, const AgentConfig& config) {
+      const Kel::U64 needed = statisticsEntries(config);
+      const Kel::U64 capacity = config.statisticsCapacity.value_or(maxStatisticsCapacity);
+      if (needed > capacity) {
+         r_.error(at, fmt::format("the configuration needs {} statistics entries (one per "
+                                  "collector, exporter and tracker); the table holds {}",
+                                  needed, capacity));
       }
    }
 
@@ -138,7 +190,7 @@ class Loader {
       if (const auto exporters = m->get("exporters")) {
          FirstSeen<Kel::Name> names;
          for (const YamlValue& item : r_.list(*exporters)) {
-            readExporter(item, tracker, names);
+            readExporter(item, name.value_or(""), tracker, names);
          }
       }
       if (const auto groups = m->get("flow-groups")) {
@@ -146,8 +198,19 @@ class Loader {
          for (const YamlValue& item : r_.list(*groups)) {
             readFlowGroup(item, tracker, templateIds);
          }
+         checkTemplateSetLength(*groups, tracker);
       }
       tracking.trackers.emplace(name.value_or(""), std::move(tracker));
+   }
+
+   // The library sends all of a tracker's data templates in one message.
+   void checkTemplateSetLength(const YamlValue& groups, const Tracker& tracker) {
+      const Kel::U64 length = dataTemplateSetLength(tracker);
+      if (length > FlowTracking::maxTemplateSetLength) {
+         r_.error(groups, fmt::format("the data templates of these flow groups take {} octets; "
+                                      "one template message carries at most {}",
+                                      length, FlowTracking::maxTemplateSetLength));
+      }
    }
 
    std::optional<Kel::U64> trackerTimer(const YamlValue& v) {
@@ -155,7 +218,8 @@ class Loader {
                         "a time in milliseconds");
    }
 
-   void readExporter(const YamlValue& v, Tracker& tracker, FirstSeen<Kel::Name>& names) {
+   void readExporter(const YamlValue& v, const Kel::Name& trackerName, Tracker& tracker,
+                     FirstSeen<Kel::Name>& names) {
       const auto m = r_.mapping(v, {"name", "collectors", "source-ipv4", "source-ipv6", "dscp",
                                     "mtu", "template-interval-ms", "vrf"});
       if (!m) {
@@ -163,11 +227,17 @@ class Loader {
       }
       Exporter exporter;
       const auto name = uniqueKeyName(*m, names, "exporter name");
+      std::optional<FirstCollector> first4;
+      std::optional<FirstCollector> first6;
       if (const auto collectors = m->get("collectors")) {
          FirstSeen<Kel::Name> collectorNames;
          FirstSeen<Destination> destinations;
          for (const YamlValue& item : r_.list(*collectors)) {
-            readCollector(item, exporter, collectorNames, destinations);
+            auto collector = readCollector(item, exporter, collectorNames, destinations);
+            auto& first = collector && collector->collector.address.isV4() ? first4 : first6;
+            if (collector && !first) {
+               first = std::move(collector);
+            }
          }
       }
       if (const auto src = m->get("source-ipv4")) {
@@ -191,14 +261,50 @@ class Loader {
       if (const auto vrf = m->get("vrf")) {
          setIfRead(exporter.vrfName, r_.text(*vrf, Limits::maxTableNameLength));
       }
+      const Kel::Name exporterName =
+          fmt::format("{} of tracker {}", name.value_or(""), trackerName);
+      if (first4 && !m->get("source-ipv4")) {
+         if (const auto source = kernelSource(*first4, exporterName, "source-ipv4")) {
+            exporter.srcIpv4 = source->v4();
+         }
+      }
+      if (first6 && !m->get("source-ipv6")) {
+         if (const auto source = kernelSource(*first6, exporterName, "source-ipv6")) {
+            exporter.srcIpv6 = source->v6();
+         }
+      }
       tracker.exporters.emplace(name.value_or(""), std::move(exporter));
    }
 
-   void readCollector(const YamlValue& v, Exporter& exporter, FirstSeen<Kel::Name>& names,
-                      FirstSeen<Destination>& destinations) {
+   // An exporter sends a family's templates and options data only from a
+   // source address; without one configured it takes the one the kernel
+   // would use towards the family's first collector, as a configured one.
+   std::optional<Nivel::IpGenAddr> kernelSource(const FirstCollector& first,
+                                                const Kel::Name& exporterName,
+                                                std::string_view sourceKey) {
+      const Nivel::IpGenAddr& to = first.collector.address;
+      Kel::String why;
+      const auto source = kernelSourceAddress(to, first.collector.port, &why);
+      if (!source) {
+         r_.error(first.address,
+                  fmt::format("exporter {} has no {} and no route to its collector {} at {} to "
+                              "take one from: {}",
+                              exporterName, sourceKey, first.name, to.str(), why));
+         return std::nullopt;
+      }
+      KEL_TRACE(traceAgent, 3, "Exporter {}: {} {}, the kernel's choice towards collector {} at {}",
+                exporterName, sourceKey, source->str(), first.name, to.str());
+      return source;
+   }
+
+   // The collector as read, with its address value; nullopt when its address
+   // or port could not be read.
+   std::optional<FirstCollector> readCollector(const YamlValue& v, Exporter& exporter,
+                                               FirstSeen<Kel::Name>& names,
+                                               FirstSeen<Destination>& destinations) {
       const auto m = r_.mapping(v, {"name", "address", "port"});
       if (!m) {
-         return;
+         return std::nullopt;
       }
       Collector collector{{}, 4739};
       const auto name = uniqueKeyName(*m, names, "collector name");
@@ -211,12 +317,14 @@ class Loader {
       const auto port = m->get("port");
       const bool portRead =
           !port || setIfRead(collector.port, r_.integer(*port, 1, Kel::maxU16(), "a UDP port"));
-      if (addr && portRead) {
-         // Collectors of one exporter share its statistics key space by address.
-         destinations.add(r_, *addressValue, {collector.address, collector.port},
-                          fmt::format("address {} port {}", addr->str(), collector.port));
-      }
       exporter.collectors.emplace(name.value_or(""), collector);
+      if (!addr || !portRead) {
+         return std::nullopt;
+      }
+      // Collectors of one exporter share its statistics key space by address.
+      destinations.add(r_, *addressValue, {collector.address, collector.port},
+                       fmt::format("address {} port {}", addr->str(), collector.port));
+      return FirstCollector{name.value_or(""), collector, *addressValue};
    }
 
    void readFlowGroup(const YamlValue& v, Tracker& tracker,

@@ -209,22 +209,122 @@ TEST(AgentProcess, ExportsReloadsAndStopsCleanly) {
    unlink(path.c_str());
 }
 
+// Every bound of the checker at its edge. The largest configuration it
+// accepts: templates that fill one UDP datagram, the smallest MTU with the
+// longest interface and VRF names, the longest tracker, exporter and
+// collector names, a statistics table of exactly the entries needed, and no
+// source address (the kernel's choice is taken).
+struct Edge {
+   int extraFields = 0;
+   int mtu = 173;
+   std::size_t nameLength = 63;
+   int statisticsCapacity = 3;  // the tracker, the exporter and the collector
+};
+
+std::string edgeConfig(const Edge& e, int port) {
+   // 15 flow groups of 1023 four-octet fields and one of 1010: template
+   // records of 16 x 4 + 16355 x 4 = 65484 octets, the most that fits
+   // 65487; one more field takes 4 more.
+   std::string groups;
+   for (int g = 0; g < 16; ++g) {
+      const int fields = (g < 15 ? 1023 : 1010) + (g == 15 ? e.extraFields : 0);
+      groups += "          - template-id: " + std::to_string(256 + g) +
+                "\n            entries: 1\n            fields: [ { element: 8, flow-key: true }";
+      for (int f = 1; f < fields; ++f) {
+         groups += ", 1";
+      }
+      groups += " ]\n";
+   }
+   const std::string name(e.nameLength, 'n');
+   return "statistics-capacity: " + std::to_string(e.statisticsCapacity) +
+          "\nflow-tracking:\n  hardware:\n    trackers:\n      - name: t" + name.substr(1) +
+          "\n        id: 9\n        exporters:\n          - name: e" + name.substr(1) +
+          "\n            mtu: " + std::to_string(e.mtu) + "\n            collectors:\n" +
+          "              - { name: c" + name.substr(1) +
+          ", address: 127.0.0.1, port: " + std::to_string(port) + " }\n        flow-groups:\n" +
+          groups + "interfaces:\n  - { name: " + std::string(100, 'i') +
+          ", index: 1 }\nvrfs:\n  - { id: 1, name: " + std::string(100, 'v') + " }\n";
+}
+
+TEST(AgentProcess, LargestAcceptedConfigurationRunsWithoutASourceAddress) {
+   using C = TestSupport::LoopbackCollector;
+   const std::string table = "ipfix-agent-edge-" + std::to_string(getpid());
+   const std::string path = tempPath("edge.yaml");
+   C collector(false);
+   const int port = collector.receiver().port();
+   writeFile(path, edgeConfig({}, port));
+   AgentProcess agent(path, table);
+
+   const auto messages = collector.drainUntil(allTables);
+   const auto templates = C::templates(messages);
+   ASSERT_EQ(templates.size(), 16u + 4u) << "every data template and the options templates";
+   EXPECT_EQ(templates.at(256).fields.size(), 1023u);
+   EXPECT_EQ(templates.at(271).fields.size(), 1010u);
+   EXPECT_EQ(C::records(messages, intfSet), interfaces({{1u, std::string(100, 'i')}}));
+   EXPECT_EQ(C::records(messages, vrfSet), (Records{{1u, std::string(100, 'v')}, {0xFFFFFFu, ""}}));
+   EXPECT_EQ(C::records(messages, keySet).size(), 16u);
+
+   // One more than fits, applied to the running agent, is refused like a bad
+   // file; so is a collector more than the statistics table holds.
+   const auto refused = [&](const std::string& text, const std::string& why) {
+      writeFile(path, text);
+      const std::size_t before = agent.stderrText().size();
+      agent.signal(SIGHUP);
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+      while (agent.stderrText().find("not applied", before) == std::string::npos &&
+             std::chrono::steady_clock::now() < deadline) {
+         usleep(10000);
+      }
+      EXPECT_NE(agent.stderrText().find(why, before), std::string::npos) << agent.stderrText();
+   };
+   refused(edgeConfig({.extraFields = 1}, port), "take 65488 octets");
+   std::string moreCollectors = edgeConfig({.statisticsCapacity = 4}, port);
+   moreCollectors.insert(moreCollectors.find("        flow-groups:"),
+                         "              - { name: c2, address: 127.0.0.1, port: 9 }\n");
+   refused(moreCollectors, "needs 4 statistics entries and the running table holds 3");
+   EXPECT_TRUE(agent.running());
+   agent.signal(SIGTERM);
+   EXPECT_EQ(agent.wait(), 0);
+   Vorpa::Segment::remove(table);
+   unlink(path.c_str());
+}
+
 TEST(AgentProcess, CheckValidatesWithLocatedErrors) {
    const std::string path = tempPath("check.yaml");
+   const std::string exporter = "trackers[0].exporters[0]";
    const struct {
       std::string text;
       int exitCode;
       std::string error;
+      // A network of its own with no route at all.
+      bool isolated = false;
    } cases[] = {
        {config({{"c1", 4739}}), 0, ""},
        {"flow-tracking:\n  hardware:\n    trackers:\n      - { name: t, id: 1, colour: red }\n", 2,
         ":4: flow-tracking.hardware.trackers[0].colour:"},
+       {edgeConfig({}, 4739), 0, ""},
+       {edgeConfig({.extraFields = 1}, 4739), 2,
+        ":12: flow-tracking.hardware.trackers[0].flow-groups: the data templates of these flow "
+        "groups take 65488 octets; one template message carries at most 65487"},
+       {edgeConfig({.mtu = 172}, 4739), 2, exporter + ".mtu: must be an MTU"},
+       {edgeConfig({.nameLength = 64}, 4739), 2, ".name: must be at most 63 octets long, not 64"},
+       {edgeConfig({.statisticsCapacity = 2}, 4739), 2,
+        ":1: statistics-capacity: the configuration needs 3 statistics entries"},
+       {edgeConfig({}, 4739), 2,
+        exporter + ".collectors[0].address: exporter e" + std::string(62, 'n') + " of tracker t" +
+            std::string(62, 'n') + " has no source-ipv4 and no route",
+        true},
    };
    for (const auto& c : cases) {
+      SCOPED_TRACE(c.error);
       writeFile(path, c.text);
       const std::string errPath = path + ".err";
-      const std::string cmd =
-          std::string(IPFIX_AGENT_PATH) + " --check --config " + path + " 2>" + errPath;
+      if (c.isolated && std::system("unshare -n true 2>/dev/null") != 0) {
+         std::printf("skipped the no-route case: no network namespace of our own (not root)\n");
+         continue;
+      }
+      const std::string cmd = std::string(c.isolated ? "unshare -n " : "") + IPFIX_AGENT_PATH +
+                              " --check --config " + path + " 2>" + errPath;
       const int status = std::system(cmd.c_str());
       EXPECT_EQ(WEXITSTATUS(status), c.exitCode);
       std::ifstream in(errPath);
