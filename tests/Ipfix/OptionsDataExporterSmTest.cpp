@@ -250,6 +250,27 @@ TEST_F(OptionsDataExportTest, RecordLongerThanAnEmptyMessageIsABug) {
              (std::vector<Record>{intf(1, std::string(100, 'n'))}));
 }
 
+// A flush that uses up its turn sends what it packed, gives the turn back
+// and goes on with the rest in the next one, in queue order.
+TEST_F(OptionsDataExportTest, UpdateFlushYieldsAndResumes) {
+   fill(1);
+   startExporter();
+   sched_->runFor(0);
+   c4_.dataDatagrams();
+   sched_->timeSliceIs(0);  // every check finds the turn used up
+   std::vector<Record> sent;
+   for (Kel::U32 i = 10; i < 14; ++i) {
+      update_->addUpdate(intfSetId, intfRecord(i, "Ethernet" + std::to_string(i)));
+      sent.push_back(intf(i, "Ethernet" + std::to_string(i)));
+   }
+   sched_->runFor(1.0);
+   const auto d = c4_.dataDatagrams();
+   ASSERT_EQ(d.size(), 4u) << "one record a turn";
+   EXPECT_EQ(c4_.records(d), sent);
+   EXPECT_EQ(sequenceNumber(d[3]), 4u);
+   EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
+}
+
 TEST_F(OptionsDataExportTest, PeriodicTransmissionDiscardsQueuedUpdates) {
    fill(2);
    hwConfig_->hwFtConfig("t1")->activeIntervalIs(10000);

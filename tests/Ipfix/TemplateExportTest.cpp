@@ -196,16 +196,27 @@ TEST_F(TemplateExportTest, SequenceNumberIsCurrentAndExportTimeIsTimeOfSend) {
    EXPECT_EQ(c4->ipfixMsgSeqNo().value(), 41u) << "template messages do not advance it";
 }
 
-TEST_F(TemplateExportTest, NoFlowGroupsSendsOnlyOptionsTemplates) {
+// Without flow groups there is no data template: collectors, old and new,
+// get the options templates alone, and the data templates once there are.
+TEST_F(TemplateExportTest, CollectorsGetDataTemplatesOnceThereAreAny) {
    hwStatus_->hwFtStatus("t1")->hwFgStatusDelAll();
-   Kel::TraceCapture capture("Ipfix", 3);
    startTemplates();
    sched_->runFor(0);
-   EXPECT_TRUE(capture.contains("Returning because no flow group configured."));
    const Learnt l = learn(rx4_, 7);
    EXPECT_EQ(l.datagrams.size(), 1u);
    EXPECT_TRUE(l.data.empty());
    EXPECT_EQ(l.options.size(), 4u);
+   auto& late = receiver(false);
+   exp_->collectorIpAndPortIs("late", late.ipAndPort());
+   sched_->runFor(0);
+   EXPECT_TRUE(learn(late, 7).data.empty());
+
+   addFlowGroup("t1", 280, 5,
+                {{RecordType::sourceIPv6Address, true}, {RecordType::octetDeltaCount, false}});
+   sched_->runFor(0);
+   for (auto* rx : {&rx4_, &late}) {
+      EXPECT_EQ(learn(*rx, 7).data, std::vector<Template>{expectedDataTemplates[0]});
+   }
 }
 
 TEST_F(TemplateExportTest, PeriodIsTemplateIntervalInWholeSeconds) {

@@ -122,6 +122,8 @@ struct DisruptCase {
        disruption;
    std::vector<Kel::String> firstRound;
    std::vector<Kel::String> secondRound;
+   // The reactor whose callback disrupts.
+   std::size_t disruptor = 0;
 };
 
 TEST(Entity, NotificationSurvivesDisruptionFromInside) {
@@ -134,6 +136,11 @@ TEST(Entity, NotificationSurvivesDisruptionFromInside) {
         [](auto& rs, auto&, auto*) { rs[1].reset(); },
         {"a:color=1", "c:color=1"},
         {"a:color=2", "c:color=2"}},
+       {"destroy an earlier reactor",
+        [](auto& rs, auto&, auto*) { rs[0].reset(); },
+        {"a:color=1", "b:color=1", "c:color=1"},
+        {"b:color=2", "c:color=2"},
+        1},
        {"destroy all reactors",
         [](auto& rs, auto&, auto*) {
            for (auto& r : rs)
@@ -165,7 +172,7 @@ TEST(Entity, NotificationSurvivesDisruptionFromInside) {
          rs.push_back(std::make_unique<Recorder>(w, &log, tag));
       }
       bool once = true;
-      rs[0]->disrupt = [&] {
+      rs[c.disruptor]->disrupt = [&] {
          if (once) {
             once = false;
             c.disruption(rs, w, &log);

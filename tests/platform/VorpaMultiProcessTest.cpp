@@ -20,6 +20,13 @@ using VorpaTest::Value;
 using Table = Vorpa::Table<Key, Value>;
 using Reader = Vorpa::TableReader<Key, Value>;
 
+// Reads exactly `size` octets from `fd`, waiting at most a minute for them: a
+// child that dies or hangs fails the test instead of hanging it.
+bool readWithin(int fd, void* into, std::size_t size) {
+   pollfd p{fd, POLLIN, 0};
+   return poll(&p, 1, 60'000) == 1 && read(fd, into, size) == static_cast<ssize_t>(size);
+}
+
 // Runs `body` in a child process that reports a fixed-size result through a
 // pipe; the parent runs `parent` meanwhile, then collects the result. The
 // child signals readiness with one byte before its body's main work (the
@@ -52,10 +59,13 @@ Result runInChild(const std::function<Result(const std::function<void()>& ready)
       *childPid = pid;
    }
    char byte = 0;
-   EXPECT_EQ(read(toParent[0], &byte, 1), 1) << "child did not start";
+   EXPECT_TRUE(readWithin(toParent[0], &byte, 1)) << "child did not start";
    parent();
    Result result{};
-   EXPECT_EQ(read(toParent[0], &result, sizeof result), static_cast<ssize_t>(sizeof result));
+   if (!readWithin(toParent[0], &result, sizeof result)) {
+      ADD_FAILURE() << "child reported no result";
+      kill(pid, SIGKILL);
+   }
    close(toParent[0]);
    int status = 0;
    EXPECT_EQ(waitpid(pid, &status, 0), pid);
@@ -299,13 +309,16 @@ TEST(VorpaMultiProcess, SleepingReaderFindsAChangeThatWokeNobody) {
    // The next version the reader reports, or 0 when it reports none within a
    // bound far beyond the wake-up spacing.
    const auto reported = [&] {
-      pollfd p{toParent[0], POLLIN, 0};
       Kel::U64 version = 0;
-      if (poll(&p, 1, 30'000) != 1 ||
-          read(toParent[0], &version, sizeof version) != sizeof version) {
-         return Kel::U64{0};
+      return readWithin(toParent[0], &version, sizeof version) ? version : Kel::U64{0};
+   };
+   // The first report of `version` or later; 0 when the reader stopped
+   // reporting.
+   const auto seen = [&](Kel::U64 version) {
+      Kel::U64 v = 0;
+      while ((v = reported()) != 0 && v < version) {
       }
-      return version;
+      return v;
    };
    // Each round: a write that wakes the reader, then, once it sleeps again, a
    // second write. Usually the second one falls within the spacing and wakes
@@ -316,18 +329,13 @@ TEST(VorpaMultiProcess, SleepingReaderFindsAChangeThatWokeNobody) {
    for (int round = 0; round < 100 && !wokeNobody; ++round) {
       ASSERT_TRUE(TestSupport::waitUntilAsleepInFutex(child));
       const auto& generation = table.segment().header().wakeGeneration;
-      Kel::U32 before = generation.load();
       table.entryIs(key, Value::of(++version));
-      while (reported() < version) {
-      }
+      ASSERT_EQ(seen(version), version) << "the reader missed a change that woke it";
       ASSERT_TRUE(TestSupport::waitUntilAsleepInFutex(child));
-      before = generation.load();
+      const Kel::U32 before = generation.load();
       table.entryIs(key, Value::of(++version));
       wokeNobody = generation.load() == before;
-      Kel::U64 seen = 0;
-      while ((seen = reported()) != 0 && seen < version) {
-      }
-      ASSERT_EQ(seen, version) << "the reader slept through a change";
+      ASSERT_EQ(seen(version), version) << "the reader slept through a change";
    }
    // Under heavy load every second write may come after the spacing; the
    // reader then was woken each time, and the case was not reached.
