@@ -8,11 +8,11 @@
 #include "Ipfix/FlowTrackerTemplateSm.h"
 #include "Ipfix/OptionsTemplate.h"
 #include "TrackingTreeFixture.h"
-#include "support/UdpReceiver.h"
+#include "support/LoopbackCollector.h"
 
 // The tracking tree plus what template export needs: hardware status with
 // flow groups, a statistics table, the template machine of the type, and
-// collectors that are real UDP receivers on loopback.
+// collectors on loopback that decode what they receive with libfixbuf.
 class ExportFixture : public TrackingTreeFixture {
  protected:
    using Field = std::pair<Ipfix::RecordType, bool>;  // the field and whether it is a flow key
@@ -62,9 +62,9 @@ class ExportFixture : public TrackingTreeFixture {
       return e;
    }
 
-   TestSupport::UdpReceiver& receiver(bool ipv6) {
-      receivers_.push_back(std::make_unique<TestSupport::UdpReceiver>(ipv6));
-      return *receivers_.back();
+   TestSupport::LoopbackCollector& collector(bool ipv6) {
+      collectors_.push_back(std::make_unique<TestSupport::LoopbackCollector>(ipv6));
+      return *collectors_.back();
    }
 
    Kel::Ptr<HwFlowTracking::Status> hwStatus_ = Kel::makeActive<HwFlowTracking::Status>();
@@ -73,5 +73,5 @@ class ExportFixture : public TrackingTreeFixture {
        Kel::makeActive<Vorpa::Ipfix::CollectorStatistics>(
            "stats", Vorpa::Ipfix::CollectorStatisticsTable::createAnonymous("stats", 64));
    Kel::Ptr<FlowTracking::TemplateSm> templateSm_;
-   std::vector<std::unique_ptr<TestSupport::UdpReceiver>> receivers_;
+   std::vector<std::unique_ptr<TestSupport::LoopbackCollector>> collectors_;
 };

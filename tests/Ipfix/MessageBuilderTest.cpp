@@ -5,7 +5,6 @@
 
 #include "Ipfix/MessageBuilder.h"
 #include "Kel/System.h"
-#include "support/FixbufReader.h"
 #include "support/ThrownText.h"
 
 namespace {
@@ -189,70 +188,6 @@ TEST(MessageBuilder, FinishedMessageIsSharedAndStampedPerSend) {
    EXPECT_NE(builder->pkt()->buffer(), first->buffer());
    builder->finalizeMsg();
    EXPECT_EQ(wire(first), stamped);
-}
-
-// An interface-table record: 4-octet index, then the name in the short
-// variable-length form (one length octet).
-Kel::Ptr<const FlowTracking::DataRecord> intfRecord(Kel::U32 index, const std::string& name) {
-   auto r = FlowTracking::dataRecordFactory();
-   const Bytes octets = be32(index) + Bytes{Kel::U8(name.size())} + bytesOf(name);
-   r->append(octets.data(), Kel::U32(octets.size()));
-   return r;
-}
-// A flow-key record: template id, flow-key indicator.
-Kel::Ptr<const FlowTracking::DataRecord> flowKeyRecord(Kel::U16 templateId, Kel::U32 keys) {
-   const Bytes octets = be16(templateId) + be32(0) + be32(keys);
-   return FlowTracking::dataRecordFactory(std::string(octets.begin(), octets.end()));
-}
-
-TEST(MessageBuilder, LibfixbufDecodesWhatItBuilds) {
-   constexpr Kel::U16 intfSet = 0xFFFD;
-   constexpr Kel::U16 flowKeySet = 0xFFFE;
-   FixbufReader reader;
-   reader.templateIs(odid, intfSet, {{"ingressInterface", 4}, {"interfaceName", FB_IE_VARLEN}}, 1);
-   reader.templateIs(odid, flowKeySet, {{"templateId", 2}, {"flowKeyIndicator", 8}}, 1);
-
-   // Interface records in runs broken by flow-key records, so sets change id
-   // inside messages and at their boundaries.
-   std::vector<std::pair<Kel::U16, Kel::Ptr<const FlowTracking::DataRecord>>> input;
-   std::vector<FixbufReader::Record> expected;
-   for (Kel::U32 i = 0; i < 60; ++i) {
-      const std::string name = "Ethernet" + std::to_string(i / 4 + 1) + "/" + std::to_string(i % 4);
-      input.emplace_back(intfSet, intfRecord(1000 + i, name));
-      expected.push_back({intfSet, {std::uint64_t(1000 + i), name}});
-      if (i % 7 == 6) {
-         input.emplace_back(flowKeySet, flowKeyRecord(Kel::U16(256 + i), 0x80000000u | i));
-         expected.push_back({flowKeySet, {std::uint64_t(256 + i), std::uint64_t(0x80000000u | i)}});
-      }
-   }
-
-   Kel::ScopedManualClock clock(1000.0, 1700000123.0);
-   auto builder = FlowTracking::messageBuilderFactory(200, odid);
-   std::vector<Kel::Ptr<FlowTracking::Message>> messages;
-   builder->startMsg();
-   for (const auto& [setId, rec] : input) {
-      if (builder->addSetRecord(setId, rec) == 0) {
-         messages.push_back(builder->finalizeMsg());
-         builder->startMsg();
-         ASSERT_EQ(builder->addSetRecord(setId, rec), rec->dataLen());
-      }
-   }
-   messages.push_back(builder->finalizeMsg());
-   ASSERT_GT(messages.size(), 5u);
-
-   std::vector<FixbufReader::Record> decoded;
-   Kel::U32 seqNo = 0;
-   for (const auto& msg : messages) {
-      const auto& pkt = msg->pkt(seqNo);
-      EXPECT_LE(pkt->bytes(), 200u);
-      const auto records = reader.read(pkt->data(), pkt->bytes());
-      EXPECT_EQ(records.size(), msg->recordCount());
-      EXPECT_EQ(reader.exportTime(), 1700000123u);
-      EXPECT_EQ(reader.observationDomain(), odid);
-      decoded.insert(decoded.end(), records.begin(), records.end());
-      seqNo += msg->recordCount();
-   }
-   EXPECT_EQ(decoded, expected);
 }
 
 }  // namespace

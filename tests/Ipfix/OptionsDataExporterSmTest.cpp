@@ -5,13 +5,14 @@
 #include "ExportFixture.h"
 #include "FlowTracking/Constants.h"
 #include "Ipfix/OptionsDataExporterSm.h"
-#include "support/FixbufReader.h"
 #include "support/ThrownText.h"
 
 namespace {
 
 using FlowTracking::OptionsDataScope;
-using Record = FixbufReader::Record;
+using TestSupport::LoopbackCollector;
+// The values of an interface-table record, as libfixbuf decodes them.
+using Record = LoopbackCollector::Values;
 
 const HwFlowTracking::TemplateId intfSetId =
     FlowTracking::Constants::reservedTemplateId(FlowTracking::StaticTemplateId::intfTable);
@@ -23,44 +24,27 @@ FlowTracking::DataRecordPtr intfRecord(Kel::U32 index, const std::string& name) 
    return FlowTracking::dataRecordFactory(bytes + name);
 }
 
-std::uint32_t sequenceNumber(const TestSupport::Datagram& d) {
-   return std::uint32_t(d.payload[8]) << 24 | std::uint32_t(d.payload[9]) << 16 |
-          std::uint32_t(d.payload[10]) << 8 | d.payload[11];
+// The options data messages a collector decoded since the last call, the
+// template messages that taught it to left out.
+std::vector<LoopbackCollector::Message> optionsData(LoopbackCollector& collector) {
+   auto messages = collector.receiveAll();
+   std::erase_if(messages, [](const auto& m) { return m.decoded.records.empty(); });
+   return messages;
 }
 
-// A collector as the options data tests see it: datagrams decoded by
-// libfixbuf, which knows the interface-table options template.
-struct DecodingCollector {
-   explicit DecodingCollector(TestSupport::UdpReceiver& r) : rx(r) {
-      reader.templateIs(7, intfSetId, {{"ingressInterface", 4}, {"interfaceName", FB_IE_VARLEN}},
-                        1);
-   }
-   // Options data datagrams since the last call, templates skipped.
-   std::vector<TestSupport::Datagram> dataDatagrams() {
-      std::vector<TestSupport::Datagram> data;
-      for (auto& d : rx.receiveAll()) {
-         const unsigned setId = d.payload[16] << 8 | d.payload[17];
-         if (setId >= 256) {
-            data.push_back(std::move(d));
-         }
+std::vector<Record> records(const std::vector<LoopbackCollector::Message>& messages) {
+   std::vector<Record> all;
+   for (const auto& m : messages) {
+      for (const auto& r : m.decoded.records) {
+         EXPECT_EQ(r.templateId, intfSetId);
+         all.push_back(r.values);
       }
-      return data;
    }
-   std::vector<Record> records(const std::vector<TestSupport::Datagram>& datagrams) {
-      std::vector<Record> all;
-      for (const auto& d : datagrams) {
-         for (auto& r : reader.read(d.payload.data(), d.payload.size())) {
-            all.push_back(std::move(r));
-         }
-      }
-      return all;
-   }
-   TestSupport::UdpReceiver& rx;
-   FixbufReader reader;
-};
+   return all;
+}
 
 Record intf(std::uint64_t index, const std::string& name) {
-   return Record{intfSetId, {index, name}};
+   return Record{index, name};
 }
 
 class OptionsDataExportTest : public ExportFixture {
@@ -70,8 +54,8 @@ class OptionsDataExportTest : public ExportFixture {
       addStatus("t1");
       exp_ = addReadyExporter("t1", "e1");
       exp_->ipfixMtuIs(1500);
-      exp_->collectorIpAndPortIs("c4", rx4_.ipAndPort());
-      exp_->collectorIp6AndPortIs("c6", rx6_.ip6AndPort());
+      exp_->collectorIpAndPortIs("c4", c4_.receiver().ipAndPort());
+      exp_->collectorIp6AndPortIs("c6", c6_.receiver().ip6AndPort());
       global_ = Kel::makeActive<FlowTracking::OptionsDataSourceColl>(OptionsDataScope::scopeGlobal);
       source_ = global_->sourceIs("InterfaceTable", intfSetId);
       update_ = Kel::makeActive<FlowTracking::OptionsDataUpdate>(OptionsDataScope::scopeGlobal);
@@ -105,15 +89,13 @@ class OptionsDataExportTest : public ExportFixture {
 
    static std::vector<Record> sorted(std::vector<Record> r) {
       std::sort(r.begin(), r.end(), [](const Record& a, const Record& b) {
-         return std::get<std::uint64_t>(a.values[0]) < std::get<std::uint64_t>(b.values[0]);
+         return std::get<std::uint64_t>(a[0]) < std::get<std::uint64_t>(b[0]);
       });
       return r;
    }
 
-   TestSupport::UdpReceiver& rx4_ = receiver(false);
-   TestSupport::UdpReceiver& rx6_ = receiver(true);
-   DecodingCollector c4_{rx4_};
-   DecodingCollector c6_{rx6_};
+   LoopbackCollector& c4_ = collector(false);
+   LoopbackCollector& c6_ = collector(true);
    Kel::Ptr<HwFlowTracking::ExporterConfig> exp_;
    Kel::Ptr<FlowTracking::OptionsDataSourceColl> global_;
    Kel::Ptr<FlowTracking::OptionsDataSource> source_;
@@ -129,16 +111,16 @@ TEST_F(OptionsDataExportTest, FullTablesReachEveryCollectorAfterItsOptionsTempla
    sched_->runFor(0);
    std::size_t msgCount = 0;
    for (auto* c : {&c4_, &c6_}) {
-      const auto datagrams = c->dataDatagrams();
+      const auto datagrams = optionsData(*c);
       msgCount = datagrams.size();
       ASSERT_GT(datagrams.size(), 1u) << "300 records need several messages";
-      EXPECT_EQ(sorted(c->records(datagrams)), expectedTable(300));
+      EXPECT_EQ(sorted(records(datagrams)), expectedTable(300));
       // Each message is numbered by the records sent to this collector before.
       std::uint32_t before = 0;
       for (const auto& d : datagrams) {
-         EXPECT_EQ(sequenceNumber(d), before);
-         before += static_cast<std::uint32_t>(c->records({d}).size());
-         EXPECT_LE(d.payload.size(), 1452u);
+         EXPECT_EQ(d.sequenceNumber(), before);
+         before += static_cast<std::uint32_t>(records({d}).size());
+         EXPECT_LE(d.datagram.payload.size(), 1452u);
       }
    }
    const auto info = exporterInfo("t1", "e1");
@@ -147,7 +129,7 @@ TEST_F(OptionsDataExportTest, FullTablesReachEveryCollectorAfterItsOptionsTempla
    EXPECT_EQ(exporter_->msgCacheBuildCount(), 1u) << "both collectors share one encoding";
 
    const auto entry = stats_->stats(Vorpa::Ipfix::CollectorStatisticsKey(
-       "t1", "e1", Vorpa::Ipfix::CollectorInfo::fromIpAndPort(rx4_.ipAndPort())));
+       "t1", "e1", Vorpa::Ipfix::CollectorInfo::fromIpAndPort(c4_.receiver().ipAndPort())));
    ASSERT_TRUE(entry.has_value());
    EXPECT_EQ(entry->exportedFlowRecordTotalCount(), 300u);
    EXPECT_EQ(entry->setEntry(Vorpa::Ipfix::SetId(intfSetId)).exportedFlowRecordCount(), 300u);
@@ -159,18 +141,19 @@ TEST_F(OptionsDataExportTest, OneCachedMessageCarriesEachCollectorsOwnSequence) 
    fill(3);
    startExporter();
    sched_->runFor(0);
-   c4_.dataDatagrams();
-   c6_.dataDatagrams();
+   optionsData(c4_);
+   optionsData(c6_);
    exporterInfo("t1", "e1")->collInfo("c6")->ipfixMsgSeqNoIs(Ipfix::IpfixMsgSeqNo(1000));
    sched_->runFor(300);  // the default active interval: one periodic transmission
-   const auto d4 = c4_.dataDatagrams();
-   const auto d6 = c6_.dataDatagrams();
+   const auto d4 = optionsData(c4_);
+   const auto d6 = optionsData(c6_);
    ASSERT_EQ(d4.size(), 1u);
    ASSERT_EQ(d6.size(), 1u);
-   EXPECT_EQ(sequenceNumber(d4[0]), 3u);
-   EXPECT_EQ(sequenceNumber(d6[0]), 1000u);
-   EXPECT_EQ(std::vector<Kel::U8>(d4[0].payload.begin() + 12, d4[0].payload.end()),
-             std::vector<Kel::U8>(d6[0].payload.begin() + 12, d6[0].payload.end()));
+   EXPECT_EQ(d4[0].sequenceNumber(), 3u);
+   EXPECT_EQ(d6[0].sequenceNumber(), 1000u);
+   EXPECT_EQ(
+       std::vector<Kel::U8>(d4[0].datagram.payload.begin() + 12, d4[0].datagram.payload.end()),
+       std::vector<Kel::U8>(d6[0].datagram.payload.begin() + 12, d6[0].datagram.payload.end()));
    EXPECT_EQ(exporter_->msgCacheBuildCount(), 1u);
 }
 
@@ -178,18 +161,18 @@ TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessage)
    fill(2);
    startExporter();
    sched_->runFor(0);
-   c4_.dataDatagrams();
+   optionsData(c4_);
 
    update_->addUpdate(intfSetId, intfRecord(10, "Ethernet10"));
    sched_->runFor(0.6);
    update_->addUpdate(intfSetId, intfRecord(11, "Ethernet11"));  // does not push the deadline
    sched_->runFor(0.3);
-   EXPECT_TRUE(c4_.dataDatagrams().empty());
+   EXPECT_TRUE(optionsData(c4_).empty());
    sched_->runFor(0.1);
-   auto d = c4_.dataDatagrams();
+   auto d = optionsData(c4_);
    ASSERT_EQ(d.size(), 1u);
-   EXPECT_EQ(c4_.records(d), (std::vector<Record>{intf(10, "Ethernet10"), intf(11, "Ethernet11")}));
-   EXPECT_EQ(sequenceNumber(d[0]), 2u);
+   EXPECT_EQ(records(d), (std::vector<Record>{intf(10, "Ethernet10"), intf(11, "Ethernet11")}));
+   EXPECT_EQ(d[0].sequenceNumber(), 2u);
    EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
 
    // 1431 octets with one set (20 octets of headers) still coalesce at MTU
@@ -201,7 +184,7 @@ TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessage)
    update_->addUpdate(intfSetId, FlowTracking::dataRecordFactory(std::string(181, 'y')));
    EXPECT_EQ(exporter_->updateQueueBytes(), 1431u);
    sched_->runFor(0);
-   EXPECT_TRUE(c4_.dataDatagrams().empty());
+   EXPECT_TRUE(optionsData(c4_).empty());
    exporter_->abortUpdates();
    for (int i = 0; i < 5; ++i) {
       update_->addUpdate(intfSetId, intfRecord(20 + i, name245));
@@ -209,16 +192,16 @@ TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessage)
    update_->addUpdate(intfSetId, intfRecord(30, std::string(177, 'z')));  // 182 octets
    EXPECT_EQ(exporter_->updateQueueBytes(), 1432u);
    sched_->runFor(0);
-   d = c4_.dataDatagrams();
+   d = optionsData(c4_);
    ASSERT_FALSE(d.empty());
-   EXPECT_EQ(c4_.records(d).size(), 6u);
+   EXPECT_EQ(records(d).size(), 6u);
 }
 
 TEST_F(OptionsDataExportTest, NullUpdateIsQueuedAsNothingToSend) {
    fill(1);
    startExporter();
    sched_->runFor(0);
-   c4_.dataDatagrams();
+   optionsData(c4_);
    update_->addUpdate(intfSetId, nullptr);
    EXPECT_EQ(update_->version(), 1u);
    EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
@@ -226,7 +209,7 @@ TEST_F(OptionsDataExportTest, NullUpdateIsQueuedAsNothingToSend) {
    update_->addUpdate(intfSetId, nullptr);
    EXPECT_EQ(exporter_->updateQueueBytes(), 14u);
    sched_->runFor(1.0);
-   EXPECT_EQ(c4_.records(c4_.dataDatagrams()), (std::vector<Record>{intf(5, "Ethernet5")}));
+   EXPECT_EQ(records(optionsData(c4_)), (std::vector<Record>{intf(5, "Ethernet5")}));
 }
 
 // The smallest MTU leaves 125 octets a message: headers of 20 and a record
@@ -246,8 +229,7 @@ TEST_F(OptionsDataExportTest, RecordLongerThanAnEmptyMessageIsABug) {
       exporter_ = nullptr;
       templateSm_ = nullptr;
    }
-   EXPECT_EQ(c4_.records(c4_.dataDatagrams()),
-             (std::vector<Record>{intf(1, std::string(100, 'n'))}));
+   EXPECT_EQ(records(optionsData(c4_)), (std::vector<Record>{intf(1, std::string(100, 'n'))}));
 }
 
 // A flush that uses up its turn sends what it packed, gives the turn back
@@ -256,7 +238,7 @@ TEST_F(OptionsDataExportTest, UpdateFlushYieldsAndResumes) {
    fill(1);
    startExporter();
    sched_->runFor(0);
-   c4_.dataDatagrams();
+   optionsData(c4_);
    sched_->timeSliceIs(0);  // every check finds the turn used up
    std::vector<Record> sent;
    for (Kel::U32 i = 10; i < 14; ++i) {
@@ -264,10 +246,10 @@ TEST_F(OptionsDataExportTest, UpdateFlushYieldsAndResumes) {
       sent.push_back(intf(i, "Ethernet" + std::to_string(i)));
    }
    sched_->runFor(1.0);
-   const auto d = c4_.dataDatagrams();
+   const auto d = optionsData(c4_);
    ASSERT_EQ(d.size(), 4u) << "one record a turn";
-   EXPECT_EQ(c4_.records(d), sent);
-   EXPECT_EQ(sequenceNumber(d[3]), 4u);
+   EXPECT_EQ(records(d), sent);
+   EXPECT_EQ(d[3].sequenceNumber(), 4u);
    EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
 }
 
@@ -276,7 +258,7 @@ TEST_F(OptionsDataExportTest, PeriodicTransmissionDiscardsQueuedUpdates) {
    hwConfig_->hwFtConfig("t1")->activeIntervalIs(10000);
    startExporter();
    sched_->runFor(0);
-   c4_.dataDatagrams();
+   optionsData(c4_);
    sched_->runFor(9.5);
    update_->addUpdate(intfSetId, intfRecord(9, "Ethernet9"));
    source_->dataRecordIs(intfRecord(9, "Ethernet9"));
@@ -284,9 +266,9 @@ TEST_F(OptionsDataExportTest, PeriodicTransmissionDiscardsQueuedUpdates) {
    sched_->runFor(0.5);  // the period comes first and carries the new table
    EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
    EXPECT_FALSE(exporter_->updateTask().taskScheduled());
-   EXPECT_EQ(sorted(c4_.records(c4_.dataDatagrams())).size(), 3u);
+   EXPECT_EQ(sorted(records(optionsData(c4_))).size(), 3u);
    sched_->runFor(1.0);
-   EXPECT_TRUE(c4_.dataDatagrams().empty()) << "the discarded update is not sent";
+   EXPECT_TRUE(optionsData(c4_).empty()) << "the discarded update is not sent";
    EXPECT_EQ(exporter_->msgCacheBuildCount(), 2u);
 }
 
@@ -294,15 +276,14 @@ TEST_F(OptionsDataExportTest, ReaddressedCollectorIsReadmittedWithFullTables) {
    fill(4);
    startExporter();
    sched_->runFor(0);
-   c4_.dataDatagrams();
-   c6_.dataDatagrams();
-   auto& moved = receiver(false);
-   DecodingCollector movedCollector(moved);
-   exp_->collectorIpAndPortIs("c4", moved.ipAndPort());
+   optionsData(c4_);
+   optionsData(c6_);
+   auto& moved = collector(false);
+   exp_->collectorIpAndPortIs("c4", moved.receiver().ipAndPort());
    sched_->runFor(0);
-   EXPECT_EQ(sorted(movedCollector.records(movedCollector.dataDatagrams())), expectedTable(4));
-   EXPECT_TRUE(c4_.dataDatagrams().empty());
-   EXPECT_TRUE(c6_.dataDatagrams().empty()) << "only the readdressed collector is sent to";
+   EXPECT_EQ(sorted(records(optionsData(moved))), expectedTable(4));
+   EXPECT_TRUE(optionsData(c4_).empty());
+   EXPECT_TRUE(optionsData(c6_).empty()) << "only the readdressed collector is sent to";
 }
 
 // The managers create every source before the exporters that read them; a
@@ -329,21 +310,21 @@ TEST_F(OptionsDataExportTest, NoCollectorsStopsThePeriodicTask) {
 
 TEST_F(OptionsDataExportTest, FailingCollectorDoesNotStopTheOthers) {
    fill(5);
-   const auto failPort = rx4_.port();
+   const auto failPort = c4_.receiver().port();
    Nivel::UdpPam::faultsIs({.open = {}, .tx = [&](const Nivel::UdpPam& p) {
                                return p.txPort() == failPort ? EPERM : 0;
                             }});
    startExporter();
    sched_->runFor(0);
-   EXPECT_TRUE(c4_.dataDatagrams().empty());
-   EXPECT_EQ(sorted(c6_.records(c6_.dataDatagrams())), expectedTable(5));
+   EXPECT_TRUE(optionsData(c4_).empty());
+   EXPECT_EQ(sorted(records(optionsData(c6_))), expectedTable(5));
    EXPECT_EQ(exporter_->collector().size(), 2u) << "the exporter keeps its state";
    const auto& pam4 = exporterInfo("t1", "e1")->udpPam4();
    EXPECT_GT(pam4->txErrors(), 0u);
    EXPECT_EQ(pam4->lastTxErrno(), EPERM) << "the failures are counted on the socket";
    Nivel::UdpPam::faultsIs({});
    sched_->runFor(300);
-   EXPECT_EQ(sorted(c4_.records(c4_.dataDatagrams())), expectedTable(5));
+   EXPECT_EQ(sorted(records(optionsData(c4_))), expectedTable(5));
 }
 
 // A full statistics table refuses new entries; sending goes on regardless.
@@ -353,8 +334,8 @@ TEST_F(OptionsDataExportTest, FullStatisticsTableCostsOnlyTheCounts) {
    fill(50);
    startExporter();
    sched_->runFor(0);
-   EXPECT_EQ(sorted(c4_.records(c4_.dataDatagrams())), expectedTable(50));
-   EXPECT_EQ(sorted(c6_.records(c6_.dataDatagrams())), expectedTable(50));
+   EXPECT_EQ(sorted(records(optionsData(c4_))), expectedTable(50));
+   EXPECT_EQ(sorted(records(optionsData(c6_))), expectedTable(50));
    EXPECT_EQ(stats_->statsControl().size(), 1u);
    EXPECT_GT(stats_->statsControl().insertRefusedCount(), 0u);
 }
@@ -369,17 +350,17 @@ TEST_F(OptionsDataExportTest, CollectorChangedInTheMiddleOfATransmission) {
    };
    for (const Case& c : {Case{"removed", false}, Case{"readdressed", true}}) {
       SCOPED_TRACE(c.name);
-      auto& moved = receiver(false);
-      DecodingCollector movedCollector(moved);
-      exp_->collectorIpAndPortIs("c4", rx4_.ipAndPort());
+      auto& moved = collector(false);
+      exp_->collectorIpAndPortIs("c4", c4_.receiver().ipAndPort());
       fill(300);
       int sendsToC4 = 0;
-      const auto c4Port = rx4_.port();
+      const auto c4Port = c4_.receiver().port();
       Nivel::UdpPam::faultsIs({.open = {}, .tx = [&](const Nivel::UdpPam& p) {
                                   // Two template messages, then the options data.
                                   if (p.txPort() == c4Port && ++sendsToC4 == 4) {
                                      if (c.readdress) {
-                                        exp_->collectorIpAndPortIs("c4", moved.ipAndPort());
+                                        exp_->collectorIpAndPortIs("c4",
+                                                                   moved.receiver().ipAndPort());
                                      } else {
                                         exp_->collectorIpAndPortDel("c4");
                                      }
@@ -389,17 +370,17 @@ TEST_F(OptionsDataExportTest, CollectorChangedInTheMiddleOfATransmission) {
       startExporter();
       sched_->runFor(1.0);
       Nivel::UdpPam::faultsIs({});
-      EXPECT_EQ(sorted(c6_.records(c6_.dataDatagrams())), expectedTable(300));
-      const auto partial = c4_.records(c4_.dataDatagrams());
+      EXPECT_EQ(sorted(records(optionsData(c6_))), expectedTable(300));
+      const auto partial = records(optionsData(c4_));
       EXPECT_GT(partial.size(), 0u);
       EXPECT_LT(partial.size(), 300u) << "c4 changed in the middle";
       if (c.readdress) {
-         const auto got = movedCollector.records(movedCollector.dataDatagrams());
+         const auto got = records(optionsData(moved));
          EXPECT_EQ(got.size(), 300u);
          EXPECT_EQ(sorted(got), expectedTable(300));
          EXPECT_EQ(exporter_->collector().size(), 2u);
       } else {
-         EXPECT_TRUE(movedCollector.dataDatagrams().empty());
+         EXPECT_TRUE(optionsData(moved).empty());
          EXPECT_EQ(exporter_->collector().size(), 1u);
       }
       exporter_ = nullptr;

@@ -3,38 +3,53 @@
 #include "ExportFixture.h"
 #include "FlowTracking/Constants.h"
 #include "Kel/Trace.h"
-#include "support/FixbufTemplates.h"
+#include "support/LoopbackCollector.h"
 
 namespace {
 
 using Ipfix::RecordType;
-using Template = FixbufTemplateReader::Template;
-using F = FixbufTemplateReader::Field;
+using TestSupport::LoopbackCollector;
 
 constexpr std::uint32_t pen = Ipfix::enterpriseNumber;
 
-std::uint32_t sequenceNumber(const TestSupport::Datagram& d) {
-   return std::uint32_t(d.payload[8]) << 24 | std::uint32_t(d.payload[9]) << 16 |
-          std::uint32_t(d.payload[10]) << 8 | d.payload[11];
-}
+// A template as libfixbuf learnt it.
+struct Template {
+   struct Field {
+      std::uint32_t enterprise;
+      std::uint16_t element;
+      std::uint16_t length;
+      bool operator==(const Field&) const = default;
+   };
+   std::uint16_t id;
+   std::uint16_t scopeCount;
+   std::vector<Field> fields;
+   bool operator==(const Template&) const = default;
+
+   static Template of(const IpfixCollect::DecodedTemplate& t) {
+      Template result{t.id, t.scopeCount, {}};
+      for (const auto& f : t.fields) {
+         result.fields.push_back({f.enterprise, f.element, f.length});
+      }
+      return result;
+   }
+};
 
 // The templates one collector learnt from what it received, by set kind.
 struct Learnt {
    std::vector<Template> data;
    std::vector<Template> options;
-   std::vector<TestSupport::Datagram> datagrams;
+   std::vector<LoopbackCollector::Message> messages;
 };
 
-Learnt learn(TestSupport::UdpReceiver& rx, std::uint32_t domain) {
+Learnt learn(LoopbackCollector& collector, std::uint32_t domain) {
    Learnt l;
-   FixbufTemplateReader reader;
-   for (auto& d : rx.receiveAll()) {
-      const auto msg = reader.read(d.payload);
-      EXPECT_EQ(msg.observationDomain, domain);
-      for (const auto& t : msg.templates) {
-         (t.scopeCount ? l.options : l.data).push_back(t);
+   for (auto& m : collector.receiveAll()) {
+      EXPECT_EQ(m.decoded.observationDomain, domain);
+      EXPECT_TRUE(m.decoded.records.empty()) << "template messages only";
+      for (const auto& t : m.decoded.templates) {
+         (t.scopeCount ? l.options : l.data).push_back(Template::of(t));
       }
-      l.datagrams.push_back(std::move(d));
+      l.messages.push_back(std::move(m));
    }
    return l;
 }
@@ -80,8 +95,8 @@ class TemplateExportTest : public ExportFixture {
       addFlowGroup("t1", 280, 5,
                    {{RecordType::sourceIPv6Address, true}, {RecordType::octetDeltaCount, false}});
       exp_ = addReadyExporter("t1", "e1");
-      exp_->collectorIpAndPortIs("c4", rx4_.ipAndPort());
-      exp_->collectorIp6AndPortIs("c6", rx6_.ip6AndPort());
+      exp_->collectorIpAndPortIs("c4", rx4_.receiver().ipAndPort());
+      exp_->collectorIp6AndPortIs("c6", rx6_.receiver().ip6AndPort());
    }
 
    const std::vector<Template> expectedDataTemplates = {
@@ -89,8 +104,8 @@ class TemplateExportTest : public ExportFixture {
        {300, 0, {{0, 8, 4}, {0, 12, 4}, {0, 1, 8}, {pen, 1024, 4}}},
    };
 
-   TestSupport::UdpReceiver& rx4_ = receiver(false);
-   TestSupport::UdpReceiver& rx6_ = receiver(true);
+   LoopbackCollector& rx4_ = collector(false);
+   LoopbackCollector& rx6_ = collector(true);
    Kel::Ptr<HwFlowTracking::ExporterConfig> exp_;
 };
 
@@ -100,7 +115,7 @@ TEST_F(TemplateExportTest, EveryCollectorLearnsDataAndOptionsTemplates) {
    for (auto* rx : {&rx4_, &rx6_}) {
       SCOPED_TRACE(rx == &rx4_ ? "IPv4" : "IPv6");
       const Learnt l = learn(*rx, 7);
-      EXPECT_EQ(l.datagrams.size(), 2u);
+      EXPECT_EQ(l.messages.size(), 2u);
       EXPECT_EQ(l.data, expectedDataTemplates);
       EXPECT_EQ(l.options, expectedOptionsTemplates);
    }
@@ -119,8 +134,8 @@ TEST_F(TemplateExportTest, LateCollectorPeriodAndFlowGroupChange) {
    learn(rx6_, 7);
 
    // A collector added later gets both messages at once; the others nothing.
-   auto& late = receiver(false);
-   exp_->collectorIpAndPortIs("late", late.ipAndPort());
+   auto& late = collector(false);
+   exp_->collectorIpAndPortIs("late", late.receiver().ipAndPort());
    sched_->runFor(0);
    const Learnt first = learn(late, 7);
    EXPECT_EQ(first.data, expectedDataTemplates);
@@ -132,7 +147,7 @@ TEST_F(TemplateExportTest, LateCollectorPeriodAndFlowGroupChange) {
    EXPECT_TRUE(rx4_.receiveAll().empty());
    sched_->runFor(1.0);
    for (auto* rx : {&rx4_, &rx6_, &late}) {
-      EXPECT_EQ(learn(*rx, 7).datagrams.size(), 2u);
+      EXPECT_EQ(learn(*rx, 7).messages.size(), 2u);
    }
 
    // A flow group gaining an entry is rebuilt and sent to all at once.
@@ -170,7 +185,7 @@ TEST_F(TemplateExportTest, FamilyWithoutSourceAddressSendsNothingUntilItHasOne) 
    sched_->runFor(0);
    EXPECT_TRUE(rx4_.receiveAll().empty());
    EXPECT_FALSE(exp_->exporter4Ready());
-   EXPECT_EQ(learn(rx6_, 7).datagrams.size(), 2u);
+   EXPECT_EQ(learn(rx6_, 7).messages.size(), 2u);
    exp_->srcIpAddrIs(*Nivel::IpAddr::parse("127.0.0.1"));
    sched_->runFor(0);
    EXPECT_EQ(learn(rx4_, 7).data, expectedDataTemplates);
@@ -187,11 +202,9 @@ TEST_F(TemplateExportTest, SequenceNumberIsCurrentAndExportTimeIsTimeOfSend) {
    sched_->runFor(0);
    const auto d = rx4_.receiveAll();
    ASSERT_EQ(d.size(), 2u);
-   for (const auto& datagram : d) {
-      EXPECT_EQ(sequenceNumber(datagram), 41u);
-      FixbufTemplateReader reader;
-      EXPECT_EQ(reader.read(datagram.payload).exportTime,
-                static_cast<std::uint32_t>(Kel::System::currentTimeUtc()));
+   for (const auto& m : d) {
+      EXPECT_EQ(m.sequenceNumber(), 41u);
+      EXPECT_EQ(m.decoded.exportTime, static_cast<std::uint32_t>(Kel::System::currentTimeUtc()));
    }
    EXPECT_EQ(c4->ipfixMsgSeqNo().value(), 41u) << "template messages do not advance it";
 }
@@ -203,11 +216,11 @@ TEST_F(TemplateExportTest, CollectorsGetDataTemplatesOnceThereAreAny) {
    startTemplates();
    sched_->runFor(0);
    const Learnt l = learn(rx4_, 7);
-   EXPECT_EQ(l.datagrams.size(), 1u);
+   EXPECT_EQ(l.messages.size(), 1u);
    EXPECT_TRUE(l.data.empty());
    EXPECT_EQ(l.options.size(), 4u);
-   auto& late = receiver(false);
-   exp_->collectorIpAndPortIs("late", late.ipAndPort());
+   auto& late = collector(false);
+   exp_->collectorIpAndPortIs("late", late.receiver().ipAndPort());
    sched_->runFor(0);
    EXPECT_TRUE(learn(late, 7).data.empty());
 
@@ -232,11 +245,11 @@ TEST_F(TemplateExportTest, PeriodIsTemplateIntervalInWholeSeconds) {
       SCOPED_TRACE(c.intervalMs);
       exp_->templateIntervalIs(c.intervalMs);  // sends at once and restarts the period
       sched_->runFor(0);
-      EXPECT_EQ(learn(rx4_, 7).datagrams.size(), 2u);
+      EXPECT_EQ(learn(rx4_, 7).messages.size(), 2u);
       sched_->runFor(c.quietFor);
       EXPECT_TRUE(rx4_.receiveAll().empty());
       sched_->runFor(c.resentBy - c.quietFor);
-      EXPECT_EQ(learn(rx4_, 7).datagrams.size(), 2u);
+      EXPECT_EQ(learn(rx4_, 7).messages.size(), 2u);
       exp_->templateIntervalIs(3600000);
       sched_->runFor(0);
       learn(rx4_, 7);
@@ -250,7 +263,7 @@ TEST_F(TemplateExportTest, RemovedExporterAndCollectorStopSending) {
    learn(rx6_, 7);
    exp_->collectorIp6AndPortDel("c6");
    sched_->runFor(30);
-   EXPECT_EQ(learn(rx4_, 7).datagrams.size(), 2u);
+   EXPECT_EQ(learn(rx4_, 7).messages.size(), 2u);
    EXPECT_TRUE(rx6_.receiveAll().empty());
    hwConfig_->hwFtConfig("t1")->expConfigDel("e1");
    EXPECT_EQ(templateSm_->ftTemplateSm("t1")->ftExporterSm("e1"), nullptr);
@@ -271,13 +284,14 @@ TEST_F(TemplateExportTest, StatisticsCountWhatWasSentAndClearingRestartsThem) {
    startTemplates();
    sched_->runFor(0);
    const Learnt l = learn(rx4_, 7);
-   ASSERT_EQ(l.datagrams.size(), 2u);
-   const CollectorStatisticsKey key4("t1", "e1", CollectorInfo::fromIpAndPort(rx4_.ipAndPort()));
+   ASSERT_EQ(l.messages.size(), 2u);
+   const CollectorStatisticsKey key4("t1", "e1",
+                                     CollectorInfo::fromIpAndPort(rx4_.receiver().ipAndPort()));
    const auto entry = stats_->stats(key4);
    ASSERT_TRUE(entry.has_value());
    EXPECT_EQ(entry->exportedMessageTotalCount(), 2u);
    EXPECT_EQ(entry->exportedOctetTotalCount(),
-             l.datagrams[0].payload.size() + l.datagrams[1].payload.size());
+             l.messages[0].datagram.payload.size() + l.messages[1].datagram.payload.size());
    EXPECT_EQ(entry->exportedFlowRecordTotalCount(), 0u);
    EXPECT_EQ(entry->setEntry(SetId(2)).exportedTemplateCount(), 2u) << "256 has no entries";
    EXPECT_EQ(entry->setEntry(SetId(3)).exportedTemplateCount(), 4u);
@@ -302,8 +316,8 @@ TEST_F(TemplateExportTest, StatisticsCountWhatWasSentAndClearingRestartsThem) {
    exp_->collectorIpAndPortDel("c4");
    EXPECT_FALSE(stats_->stats(key4).has_value());
    EXPECT_TRUE(stats_
-                   ->stats(CollectorStatisticsKey("t1", "e1",
-                                                  CollectorInfo::fromIp6AndPort(rx6_.ip6AndPort())))
+                   ->stats(CollectorStatisticsKey(
+                       "t1", "e1", CollectorInfo::fromIp6AndPort(rx6_.receiver().ip6AndPort())))
                    .has_value());
 
    // Clear times go with their exporter and tracker: a table sized for the

@@ -23,13 +23,35 @@ class LoopbackCollector {
 
    explicit LoopbackCollector(bool ipv6) : rx_(ipv6) {}
 
+   // A datagram and what libfixbuf read in it.
+   struct Message {
+      Datagram datagram;
+      IpfixCollect::DecodedMessage decoded;
+      // From the message header, which libfixbuf does not report.
+      std::uint32_t sequenceNumber() const {
+         const auto& p = datagram.payload;
+         return std::uint32_t(p.at(8)) << 24 | std::uint32_t(p.at(9)) << 16 |
+                std::uint32_t(p.at(10)) << 8 | p.at(11);
+      }
+   };
+
    UdpReceiver& receiver() { return rx_; }
 
-   // Decodes everything that arrived since the last call.
+   // Everything that arrived since the last call, decoded in arrival order.
+   std::vector<Message> receiveAll() {
+      std::vector<Message> messages;
+      while (auto d = rx_.receive()) {
+         auto decoded = decode(*d);
+         messages.push_back({std::move(*d), std::move(decoded)});
+      }
+      return messages;
+   }
+
+   // The same, without the datagrams.
    std::vector<IpfixCollect::DecodedMessage> drain() {
       std::vector<IpfixCollect::DecodedMessage> messages;
-      while (auto d = rx_.receive()) {
-         messages.push_back(decode(*d));
+      for (auto& m : receiveAll()) {
+         messages.push_back(std::move(m.decoded));
       }
       return messages;
    }
