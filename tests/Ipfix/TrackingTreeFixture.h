@@ -12,7 +12,7 @@
 // scheduler in virtual time, and helpers to add trackers, exporters and
 // collectors the way the agent would.
 class TrackingTreeFixture : public ::testing::Test {
- protected:
+ public:
    ~TrackingTreeFixture() override { Nivel::UdpPam::faultsIs({}); }
 
    void start() {
