@@ -213,24 +213,29 @@ TEST_F(OptionsDataExportTest, NullUpdateIsQueuedAsNothingToSend) {
 }
 
 // The smallest MTU leaves 125 octets a message: headers of 20 and a record
-// of 105 fit; a record one octet longer fits no message at all.
-TEST_F(OptionsDataExportTest, RecordLongerThanAnEmptyMessageIsABug) {
+// of 105 fit (a name of 100); a record one octet longer fits no message at
+// all.
+class LongestRecordTest : public OptionsDataExportTest,
+                          public ::testing::WithParamInterface<Kel::U32> {};
+
+TEST_P(LongestRecordTest, RecordLongerThanAnEmptyMessageIsABug) {
+   const Kel::U32 nameLength = GetParam();
    exp_->ipfixMtuIs(173);
-   for (const Kel::U32 nameLength : {100u, 101u}) {
-      SCOPED_TRACE(nameLength);
-      source_->dataRecordDelAll();
-      source_->dataRecordIs(intfRecord(1, std::string(nameLength, 'n')));
-      source_->versionInc(1);
-      const Kel::String failure = thrownText([&] {
-         startExporter();
-         sched_->runFor(0);
-      });
-      EXPECT_EQ(failure, nameLength == 100 ? "(nothing thrown)" : "consumed > 0");
-      exporter_ = nullptr;
-      templateSm_ = nullptr;
+   source_->dataRecordIs(intfRecord(1, std::string(nameLength, 'n')));
+   source_->versionInc(1);
+   const Kel::String failure = thrownText([&] {
+      startExporter();
+      sched_->runFor(0);
+   });
+   if (nameLength == 100) {
+      EXPECT_EQ(failure, "(nothing thrown)");
+      EXPECT_EQ(records(optionsData(c4_)), (std::vector<Record>{intf(1, std::string(100, 'n'))}));
+   } else {
+      EXPECT_EQ(failure, "consumed > 0");
    }
-   EXPECT_EQ(records(optionsData(c4_)), (std::vector<Record>{intf(1, std::string(100, 'n'))}));
 }
+
+INSTANTIATE_TEST_SUITE_P(NameLengths, LongestRecordTest, ::testing::Values(100u, 101u));
 
 // A flush that uses up its turn sends what it packed, gives the turn back
 // and goes on with the rest in the next one, in queue order.
@@ -342,51 +347,41 @@ TEST_F(OptionsDataExportTest, FullStatisticsTableCostsOnlyTheCounts) {
 
 // The configuration changes from inside a send, halfway through the full
 // tables: the transmission goes on for the others, and the changed collector
-// gets what its new state calls for.
-TEST_F(OptionsDataExportTest, CollectorChangedInTheMiddleOfATransmission) {
-   struct Case {
-      const char* name;
-      bool readdress;
-   };
-   for (const Case& c : {Case{"removed", false}, Case{"readdressed", true}}) {
-      SCOPED_TRACE(c.name);
-      auto& moved = collector(false);
-      exp_->collectorIpAndPortIs("c4", c4_.receiver().ipAndPort());
-      fill(300);
-      int sendsToC4 = 0;
-      const auto c4Port = c4_.receiver().port();
-      Nivel::UdpPam::faultsIs({.open = {}, .tx = [&](const Nivel::UdpPam& p) {
-                                  // Two template messages, then the options data.
-                                  if (p.txPort() == c4Port && ++sendsToC4 == 4) {
-                                     if (c.readdress) {
-                                        exp_->collectorIpAndPortIs("c4",
-                                                                   moved.receiver().ipAndPort());
-                                     } else {
-                                        exp_->collectorIpAndPortDel("c4");
-                                     }
+// gets what its new state calls for (readdressed: all of it at the new
+// address; removed: nothing more).
+class ChangeInTransmissionTest : public OptionsDataExportTest,
+                                 public ::testing::WithParamInterface<bool> {};
+
+TEST_P(ChangeInTransmissionTest, CollectorChangedInTheMiddleOfATransmission) {
+   const bool readdress = GetParam();
+   auto& moved = collector(false);
+   fill(300);
+   int sendsToC4 = 0;
+   const auto c4Port = c4_.receiver().port();
+   Nivel::UdpPam::faultsIs({.open = {}, .tx = [&](const Nivel::UdpPam& p) {
+                               // Two template messages, then the options data.
+                               if (p.txPort() == c4Port && ++sendsToC4 == 4) {
+                                  if (readdress) {
+                                     exp_->collectorIpAndPortIs("c4", moved.receiver().ipAndPort());
+                                  } else {
+                                     exp_->collectorIpAndPortDel("c4");
                                   }
-                                  return 0;
-                               }});
-      startExporter();
-      sched_->runFor(1.0);
-      Nivel::UdpPam::faultsIs({});
-      EXPECT_EQ(sorted(records(optionsData(c6_))), expectedTable(300));
-      const auto partial = records(optionsData(c4_));
-      EXPECT_GT(partial.size(), 0u);
-      EXPECT_LT(partial.size(), 300u) << "c4 changed in the middle";
-      if (c.readdress) {
-         const auto got = records(optionsData(moved));
-         EXPECT_EQ(got.size(), 300u);
-         EXPECT_EQ(sorted(got), expectedTable(300));
-         EXPECT_EQ(exporter_->collector().size(), 2u);
-      } else {
-         EXPECT_TRUE(optionsData(moved).empty());
-         EXPECT_EQ(exporter_->collector().size(), 1u);
-      }
-      exporter_ = nullptr;
-      templateSm_ = nullptr;
-      source_->dataRecordDelAll();
-   }
+                               }
+                               return 0;
+                            }});
+   startExporter();
+   sched_->runFor(1.0);
+   Nivel::UdpPam::faultsIs({});
+   EXPECT_EQ(sorted(records(optionsData(c6_))), expectedTable(300));
+   const auto partial = records(optionsData(c4_));
+   EXPECT_GT(partial.size(), 0u);
+   EXPECT_LT(partial.size(), 300u) << "c4 changed in the middle";
+   const auto got = records(optionsData(moved));
+   EXPECT_EQ(sorted(got), readdress ? expectedTable(300) : std::vector<Record>{});
+   EXPECT_EQ(exporter_->collector().size(), readdress ? 2u : 1u);
 }
+
+INSTANTIATE_TEST_SUITE_P(Changes, ChangeInTransmissionTest, ::testing::Bool(),
+                         [](const auto& p) { return p.param ? "Readdressed" : "Removed"; });
 
 }  // namespace

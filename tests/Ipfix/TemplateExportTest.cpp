@@ -232,29 +232,32 @@ TEST_F(TemplateExportTest, CollectorsGetDataTemplatesOnceThereAreAny) {
    }
 }
 
-TEST_F(TemplateExportTest, PeriodIsTemplateIntervalInWholeSeconds) {
-   const struct {
-      Kel::U32 intervalMs;
-      double quietFor;  // no resend yet
-      double resentBy;
-   } cases[] = {{20000, 19.9, 20.0}, {1500, 0.9, 1.0}};
+struct Period {
+   Kel::U32 intervalMs;
+   double quietFor;  // no resend yet
+   double resentBy;
+};
+
+class TemplatePeriodTest : public TemplateExportTest,
+                           public ::testing::WithParamInterface<Period> {};
+
+// A new interval sends at once and restarts the period, in whole seconds.
+TEST_P(TemplatePeriodTest, PeriodIsTemplateIntervalInWholeSeconds) {
    startTemplates();
    sched_->runFor(0);
    learn(rx4_, 7);
-   for (const auto& c : cases) {
-      SCOPED_TRACE(c.intervalMs);
-      exp_->templateIntervalIs(c.intervalMs);  // sends at once and restarts the period
-      sched_->runFor(0);
-      EXPECT_EQ(learn(rx4_, 7).messages.size(), 2u);
-      sched_->runFor(c.quietFor);
-      EXPECT_TRUE(rx4_.receiveAll().empty());
-      sched_->runFor(c.resentBy - c.quietFor);
-      EXPECT_EQ(learn(rx4_, 7).messages.size(), 2u);
-      exp_->templateIntervalIs(3600000);
-      sched_->runFor(0);
-      learn(rx4_, 7);
-   }
+   exp_->templateIntervalIs(GetParam().intervalMs);
+   sched_->runFor(0);
+   EXPECT_EQ(learn(rx4_, 7).messages.size(), 2u);
+   sched_->runFor(GetParam().quietFor);
+   EXPECT_TRUE(rx4_.receiveAll().empty());
+   sched_->runFor(GetParam().resentBy - GetParam().quietFor);
+   EXPECT_EQ(learn(rx4_, 7).messages.size(), 2u);
 }
+
+INSTANTIATE_TEST_SUITE_P(Intervals, TemplatePeriodTest,
+                         ::testing::Values(Period{20000, 19.9, 20.0}, Period{1500, 0.9, 1.0}),
+                         [](const auto& p) { return std::to_string(p.param.intervalMs) + "ms"; });
 
 TEST_F(TemplateExportTest, RemovedExporterAndCollectorStopSending) {
    startTemplates();

@@ -36,6 +36,7 @@ class AgentProcess {
          kill(pid_, SIGKILL);
          waitpid(pid_, nullptr, 0);
       }
+      unlink(errPath_.c_str());
    }
    void signal(int sig) const { kill(pid_, sig); }
    bool running() const { return waitpid(pid_, nullptr, WNOHANG) == 0; }
