@@ -1,6 +1,7 @@
 #include "Ipfix/CollectorStatsEntry.h"
 
 #include <charconv>
+#include <cstddef>
 
 #include "Vorpa/Hash.h"
 
@@ -41,6 +42,40 @@ Kel::U64 hashValue(const T& value, Kel::U64 hash) {
 }
 
 }  // namespace
+
+// The bytes of a table entry, which other processes read: a change of any of
+// these is a new layout version of the table (Vorpa::layoutVersion).
+struct StatisticsLayout {
+   static_assert(sizeof(CollectorInfo) == 20 && alignof(CollectorInfo) == 2);
+   static_assert(offsetof(CollectorInfo, family_) == 0);
+   static_assert(offsetof(CollectorInfo, port_) == 2);
+   static_assert(offsetof(CollectorInfo, address_) == 4);
+
+   static_assert(sizeof(NameStorage) == 129);
+   static_assert(sizeof(CollectorStatisticsKey) == 278 && alignof(CollectorStatisticsKey) == 2);
+   static_assert(offsetof(CollectorStatisticsKey, collector_) == 0);
+   static_assert(offsetof(CollectorStatisticsKey, trackerStorage_) == 20);
+   static_assert(offsetof(CollectorStatisticsKey, exporterStorage_) == 149);
+
+   static_assert(sizeof(CollectorSetStatisticsEntry) == 24);
+   static_assert(offsetof(CollectorSetStatisticsEntry, setId_) == 0);
+   static_assert(offsetof(CollectorSetStatisticsEntry, exportedFlowRecordCount_) == 8);
+   static_assert(offsetof(CollectorSetStatisticsEntry, exportedTemplateCount_) == 16);
+   static_assert(sizeof(SetEntryStorage) == 320);
+
+   static_assert(sizeof(CollectorStatisticsEntry) == 672 && alignof(CollectorStatisticsEntry) == 8);
+   static_assert(offsetof(CollectorStatisticsEntry, key_) == 0);
+   static_assert(offsetof(CollectorStatisticsEntry, exportedMessageTotalCount_) == 280);
+   static_assert(offsetof(CollectorStatisticsEntry, exportedFlowRecordTotalCount_) == 288);
+   static_assert(offsetof(CollectorStatisticsEntry, exportedOctetTotalCount_) == 296);
+   static_assert(offsetof(CollectorStatisticsEntry, lastSentTime_) == 304);
+   static_assert(offsetof(CollectorStatisticsEntry, lastTemplateSentTime_) == 312);
+   static_assert(offsetof(CollectorStatisticsEntry, lastDataRecordSentTime_) == 320);
+   static_assert(offsetof(CollectorStatisticsEntry, lastOptionsDataSentTime_) == 328);
+   static_assert(offsetof(CollectorStatisticsEntry, lastClearedTime_) == 336);
+   static_assert(offsetof(CollectorStatisticsEntry, nextIdx_) == 344);
+   static_assert(offsetof(CollectorStatisticsEntry, setEntryStorage_) == 352);
+};
 
 void SetId::validate() const {
    KEL_ASSERT_TEXT(valid(),

@@ -61,6 +61,8 @@ class CollectorSetStatisticsEntry {
    bool operator==(const CollectorSetStatisticsEntry&) const = default;
 
  private:
+   friend struct StatisticsLayout;
+
    SetId setId_;
    Kel::U64 exportedFlowRecordCount_ = 0;
    Kel::U64 exportedTemplateCount_ = 0;
@@ -124,6 +126,8 @@ class CollectorStatisticsEntry {
    bool operator==(const CollectorStatisticsEntry&) const = default;
 
  private:
+   friend struct StatisticsLayout;
+
    CollectorStatisticsKey key_;
    Kel::U64 exportedMessageTotalCount_ = 0;
    Kel::U64 exportedFlowRecordTotalCount_ = 0;

@@ -1,6 +1,7 @@
 #include "Ipfix/CollectorStatsKey.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 
 #include "Vorpa/Hash.h"
@@ -19,6 +20,36 @@ Kel::U64 hashName(const NameStorage& name, Kel::U64 hash) {
 
 }  // namespace
 
+CollectorInfo::CollectorInfo(const Nivel::IpGenAddr& addr, Nivel::Port port) : port_(port) {
+   if (addr.isV4()) {
+      const Kel::U32 v4 = addr.v4().value();
+      address_ = {Kel::U8(v4 >> 24), Kel::U8(v4 >> 16), Kel::U8(v4 >> 8), Kel::U8(v4)};
+   } else {
+      family_ = Family::ipv6;
+      address_ = addr.v6().bytes();
+   }
+}
+
+Nivel::IpGenAddr CollectorInfo::addr() const {
+   if (family_ == Family::ipv4) {
+      return Nivel::IpAddr(Kel::U32(address_[0]) << 24 | Kel::U32(address_[1]) << 16 |
+                           Kel::U32(address_[2]) << 8 | address_[3]);
+   }
+   in6_addr a;
+   std::memcpy(&a, address_.data(), sizeof a);
+   return Nivel::Ip6Addr(a);
+}
+
+std::strong_ordering CollectorInfo::operator<=>(const CollectorInfo& other) const {
+   if (const auto c = family_ <=> other.family_; c != 0) {
+      return c;
+   }
+   if (const auto c = address_ <=> other.address_; c != 0) {
+      return c;
+   }
+   return port_ <=> other.port_;
+}
+
 CollectorInfo CollectorInfo::fromIpAndPort(const Nivel::IpAndPort& collector) {
    return CollectorInfo(collector.ip, collector.port);
 }
@@ -28,23 +59,18 @@ CollectorInfo CollectorInfo::fromIp6AndPort(const Nivel::Ip6AndPort& collector) 
 }
 
 Kel::String CollectorInfo::stringValue() const {
-   return addr_.isV4() ? Nivel::IpAndPort{addr_.v4(), port_}.str()
-                       : Nivel::Ip6AndPort{addr_.v6(), port_}.str();
+   const Nivel::IpGenAddr a = addr();
+   return a.isV4() ? Nivel::IpAndPort{a.v4(), port_}.str() : Nivel::Ip6AndPort{a.v6(), port_}.str();
 }
 
 Kel::String CollectorInfo::string() const {
    return fmt::format("Value('Vorpa::Ipfix::CollectorInfo', ** {{'addr': {}, 'port': {}}})",
-                      addr_.str(), port_);
+                      addr().str(), port_);
 }
 
 Kel::U64 CollectorInfo::hash() const {
-   Kel::U64 words[3] = {port_, 0, 0};
-   if (addr_.isV4()) {
-      words[1] = addr_.v4().value();
-   } else {
-      words[0] |= 1u << 16;
-      std::memcpy(&words[1], addr_.v6().bytes().data(), 16);
-   }
+   Kel::U64 words[3] = {Kel::U64(port_) | Kel::U64(family_) << 16, 0, 0};
+   std::memcpy(&words[1], address_.data(), address_.size());
    return hashWords(words, 3, 0xcbf29ce484222325ULL);
 }
 

@@ -10,15 +10,20 @@
 namespace Vorpa::Ipfix {
 
 // A collector's address and port, as part of a statistics key. Not the
-// exporter's per-collector record (FlowTracking::CollectorInfo).
+// exporter's per-collector record (FlowTracking::CollectorInfo). Other
+// processes read these bytes, so the layout is our own: the family, the port,
+// and sixteen address octets in network order (an IPv4 address in the first
+// four, the rest zero).
 class CollectorInfo {
  public:
+   enum class Family : Kel::U8 { ipv4 = 4, ipv6 = 6 };
+
    CollectorInfo() = default;
-   CollectorInfo(const Nivel::IpGenAddr& addr, Nivel::Port port) : addr_(addr), port_(port) {}
+   CollectorInfo(const Nivel::IpGenAddr& addr, Nivel::Port port);
    static CollectorInfo fromIpAndPort(const Nivel::IpAndPort& collector);
    static CollectorInfo fromIp6AndPort(const Nivel::Ip6AndPort& collector);
 
-   const Nivel::IpGenAddr& addr() const { return addr_; }
+   Nivel::IpGenAddr addr() const;
    Nivel::Port port() const { return port_; }
 
    // "192.0.2.1:4739", "[2001:db8::1]:4739"
@@ -28,21 +33,26 @@ class CollectorInfo {
    static std::optional<CollectorInfo> parse(std::string_view text);
 
    Kel::U64 hash() const;
-   // False for an address of no family, read from a corrupt table.
-   bool vorpaValid() const { return addr_.valid(); }
+   // False for a family byte of neither family, read from a corrupt table.
+   bool vorpaValid() const { return family_ == Family::ipv4 || family_ == Family::ipv6; }
    bool operator==(const CollectorInfo&) const = default;
-   auto operator<=>(const CollectorInfo&) const = default;
+   // IPv4 before IPv6, then by address, then by port.
+   std::strong_ordering operator<=>(const CollectorInfo& other) const;
 
  private:
-   Nivel::IpGenAddr addr_;
+   friend struct StatisticsLayout;
+
+   Family family_ = Family::ipv4;
+   Kel::U8 reserved_ = 0;
    Nivel::Port port_ = 0;
+   std::array<Kel::U8, 16> address_{};
 };
 
 using NameStorage = IndexedArray<Kel::U8, StringIndex>;
 
 // The statistics key: which collector of which exporter of which tracker. The
 // names are stored inline (at most 128 octets each) so that the key is a plain
-// value.
+// value, laid out as StatisticsLayout (CollectorStatsEntry.cpp) checks.
 class CollectorStatisticsKey {
  public:
    CollectorStatisticsKey() = default;
@@ -72,6 +82,8 @@ class CollectorStatisticsKey {
    std::strong_ordering operator<=>(const CollectorStatisticsKey& other) const;
 
  private:
+   friend struct StatisticsLayout;
+
    static Kel::String text(const NameStorage& storage);
    static void textIs(NameStorage& storage, const Kel::String& text);
 

@@ -21,7 +21,8 @@ namespace Vorpa {
 
 inline constexpr Kel::U64 segmentMagic = 0x4c42544150524f56ULL;  // "VORPATBL"
 // 2: readers write nothing; the writer paces its wake-ups (ChangeRing.h).
-inline constexpr Kel::U32 layoutVersion = 2;
+// 3: the collector statistics key holds a fixed address layout of its own.
+inline constexpr Kel::U32 layoutVersion = 3;
 inline constexpr std::size_t pageSize = 4096;
 inline constexpr std::size_t slotsOffset = pageSize;
 inline constexpr Kel::U32 maxCapacity = 1u << 22;
@@ -99,12 +100,19 @@ struct SlotHeader {
    Kel::U64 keyHash;
    Kel::U64 checksum;  // over state, keyHash and the stored object
 };
+static_assert(sizeof(std::atomic<Kel::U32>) == 4 && std::atomic<Kel::U32>::is_always_lock_free);
+static_assert(sizeof(SlotHeader) == 24);
+static_assert(offsetof(SlotHeader, state) == 4 && offsetof(SlotHeader, keyHash) == 8 &&
+              offsetof(SlotHeader, checksum) == 16);
 
 struct ChangeHeader {
    std::atomic<Kel::U64> seq;  // the change's sequence number; 0 while rewritten
    Kel::U32 kind;              // a ChangeKind
    Kel::U32 reserved;
 };
+static_assert(sizeof(std::atomic<Kel::U64>) == 8 && std::atomic<Kel::U64>::is_always_lock_free);
+static_assert(sizeof(ChangeHeader) == 16);
+static_assert(offsetof(ChangeHeader, kind) == 8 && offsetof(ChangeHeader, reserved) == 12);
 
 inline Kel::U64 slotChecksumSeed(Kel::U32 state, Kel::U64 keyHash) {
    return (keyHash ^ 0x5bd1e9955bd1e995ULL) * 31 + state;

@@ -157,39 +157,18 @@ TEST(CollectorStatsTypes, SetSlotsFillReuseThroughNextIdxAndOverflow) {
    EXPECT_EQ(entry.maybeNewIndexForSetId(SetId(401)), SetIndex(2));
 }
 
-// A reader copies keys out of a table as bytes; an address whose family byte
-// names neither family must be refused before anything (hash, text) reads it.
+// A reader copies keys out of a table as bytes; a family byte (the key's
+// first) that names neither family must be refused before anything (hash,
+// text) reads the address.
 TEST(CollectorStatsTypes, KeyWithAnAddressOfNoFamilyIsInvalid) {
-   // Where the family lies in an address: after the room for the longer
-   // address. Checked first: setting it to 1 turns an IPv4 address of
-   // zeros into the IPv6 one.
-   const std::size_t familyInAddr = sizeof(Nivel::Ip6Addr);
-   {
-      const Nivel::IpGenAddr zero4{Nivel::IpAddr()};
-      alignas(Nivel::IpGenAddr) unsigned char raw[sizeof zero4];
-      std::memcpy(raw, &zero4, sizeof zero4);
-      ASSERT_EQ(raw[familyInAddr], 0);
-      std::memset(raw, 0, familyInAddr);
-      raw[familyInAddr] = 1;
-      Nivel::IpGenAddr flipped;
-      std::memcpy(static_cast<void*>(&flipped), raw, sizeof flipped);
-      ASSERT_TRUE(flipped.valid() && !flipped.isV4());
-      ASSERT_EQ(flipped.v6(), Nivel::Ip6Addr());
-   }
-
    for (const char* collectorText : {"192.0.2.1:4739", "[2001:db8::1]:4739"}) {
       const CollectorStatisticsKey valid("ft1", "exp1", collector(collectorText));
       ASSERT_TRUE(valid.vorpaValid());
-      const std::size_t family =
-          static_cast<std::size_t>(
-              reinterpret_cast<const unsigned char*>(&valid.collector().addr()) -
-              reinterpret_cast<const unsigned char*>(&valid)) +
-          familyInAddr;
-      for (const unsigned char damaged : {2, 7, 0xff}) {
+      for (const unsigned char damaged : {0, 5, 0xff}) {
          SCOPED_TRACE(fmt::format("{} family {}", collectorText, int(damaged)));
          unsigned char bytes[sizeof valid];
          std::memcpy(bytes, &valid, sizeof valid);
-         bytes[family] = damaged;
+         bytes[0] = damaged;
          CollectorStatisticsKey key;
          std::memcpy(static_cast<void*>(&key), bytes, sizeof key);
          EXPECT_FALSE(key.vorpaValid());
