@@ -57,22 +57,25 @@ class Fd {
 
 }  // namespace
 
-ControlChannel::ControlChannel(Kel::Ptr<Bexa::TaskSchedulerRoot> scheduler, Kel::String path,
-                               Handler handler)
-    : scheduler_(std::move(scheduler)), path_(std::move(path)), handler_(std::move(handler)) {
+ControlChannel::ControlChannel(Kel::Ptr<Bexa::TaskSchedulerRoot> scheduler,
+                               Control::SocketLocation location, Handler handler)
+    : scheduler_(std::move(scheduler)),
+      location_(std::move(location)),
+      handler_(std::move(handler)) {
    KEL_ASSERT(scheduler_ && handler_);
    Fd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
    if (fd.get() < 0) {
       throw Kel::ErrnoException(errno, "control socket");
    }
    fd_ = fd.get();
+   prepareDirectory();
    removeStaleSocket();
    bindSocket();
    fd.release();
    task_ = std::make_unique<Bexa::Task>(scheduler_, "AgentControl", controlTaskPriority,
                                         [this] { handleReadable(); });
    scheduler_->fdWatchIs(fd_, task_.get());
-   KEL_TRACE(traceAgent, 3, "Control socket {}", path_);
+   KEL_TRACE(traceAgent, 3, "Control socket {}", path());
 }
 
 ControlChannel::~ControlChannel() {
@@ -80,8 +83,36 @@ ControlChannel::~ControlChannel() {
    task_.reset();
    ::close(fd_);
    struct stat st {};
-   if (::stat(path_.c_str(), &st) == 0 && st.st_dev == fileDevice_ && st.st_ino == fileInode_) {
-      ::unlink(path_.c_str());
+   if (::stat(path().c_str(), &st) == 0 && st.st_dev == fileDevice_ && st.st_ino == fileInode_) {
+      ::unlink(path().c_str());
+   }
+}
+
+// The default directory is the agent's own, made the way a service manager
+// makes a runtime directory: for the agent's user, readable by all so that
+// clients reach the socket, whose own permissions then decide. A directory
+// named in the environment or on the command line belongs to whoever named
+// it: it is used as it is, never made.
+void ControlChannel::prepareDirectory() const {
+   const Kel::String& directory = location_.directory;
+   if (location_.createDirectory) {
+      const mode_t previousMask = ::umask(0022);
+      const int rc = ::mkdir(directory.c_str(), 0755);
+      const int mkdirErrno = errno;
+      ::umask(previousMask);
+      if (rc != 0 && mkdirErrno != EEXIST) {
+         throw Kel::ErrnoException(mkdirErrno, "create the control socket directory " + directory);
+      }
+   }
+   struct stat st {};
+   if (::stat(directory.c_str(), &st) != 0) {
+      if (errno == ENOENT) {
+         throw Kel::Exception("control socket directory " + directory + " does not exist");
+      }
+      throw Kel::ErrnoException(errno, "control socket directory " + directory);
+   }
+   if (!S_ISDIR(st.st_mode)) {
+      throw Kel::Exception("control socket directory " + directory + " is not a directory");
    }
 }
 
@@ -89,45 +120,45 @@ ControlChannel::~ControlChannel() {
 // that accepts a connection belongs to a running agent, which keeps it.
 void ControlChannel::removeStaleSocket() const {
    struct stat st {};
-   if (::lstat(path_.c_str(), &st) != 0) {
+   if (::lstat(path().c_str(), &st) != 0) {
       if (errno == ENOENT) {
          return;
       }
-      throw Kel::ErrnoException(errno, "control socket " + path_);
+      throw Kel::ErrnoException(errno, "control socket " + path());
    }
    if (!S_ISSOCK(st.st_mode)) {
-      throw Kel::Exception("control socket " + path_ + ": the path exists and is not a socket");
+      throw Kel::Exception("control socket " + path() + ": the path exists and is not a socket");
    }
-   const sockaddr_un addr = socketAddress(path_);
+   const sockaddr_un addr = socketAddress(path());
    Fd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
    if (probe.get() < 0) {
       throw Kel::ErrnoException(errno, "control socket");
    }
    if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&addr), sizeof addr) == 0) {
-      throw Kel::Exception("control socket " + path_ +
+      throw Kel::Exception("control socket " + path() +
                            " is in use: another ipfix-agent serves this statistics table");
    }
    if (errno != ECONNREFUSED) {
-      throw Kel::ErrnoException(errno, "control socket " + path_);
+      throw Kel::ErrnoException(errno, "control socket " + path());
    }
-   if (::unlink(path_.c_str()) != 0 && errno != ENOENT) {
-      throw Kel::ErrnoException(errno, "remove stale control socket " + path_);
+   if (::unlink(path().c_str()) != 0 && errno != ENOENT) {
+      throw Kel::ErrnoException(errno, "remove stale control socket " + path());
    }
-   KEL_TRACE(traceAgent, 3, "Replaced the stale control socket {}", path_);
+   KEL_TRACE(traceAgent, 3, "Replaced the stale control socket {}", path());
 }
 
 void ControlChannel::bindSocket() {
-   const sockaddr_un addr = socketAddress(path_);
+   const sockaddr_un addr = socketAddress(path());
    // The file gets the owner's permissions only, from its creation on.
    const mode_t previousMask = ::umask(0077);
    const int rc = ::bind(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof addr);
    const int bindErrno = errno;
    ::umask(previousMask);
    if (rc != 0) {
-      throw Kel::ErrnoException(bindErrno, "bind control socket " + path_);
+      throw Kel::ErrnoException(bindErrno, "bind control socket " + path());
    }
    struct stat st {};
-   if (::stat(path_.c_str(), &st) == 0) {
+   if (::stat(path().c_str(), &st) == 0) {
       fileDevice_ = st.st_dev;
       fileInode_ = st.st_ino;
    }

@@ -8,6 +8,7 @@
 
 #include "Bexa/TaskScheduler.h"
 #include "Kel/Types.h"
+#include "SocketLocation.h"
 
 namespace Agent {
 
@@ -25,23 +26,26 @@ class ControlChannel {
  public:
    using Handler = std::function<Kel::String(std::string_view request)>;
 
-   // Throws Kel::Exception when another process serves `path` or the path is
-   // taken by something other than a socket, Kel::ErrnoException when the
-   // socket cannot be made.
-   ControlChannel(Kel::Ptr<Bexa::TaskSchedulerRoot> scheduler, Kel::String path, Handler handler);
+   // Throws Kel::Exception when the socket's directory is missing (and is not
+   // the default one, which is made), is not a directory, when another
+   // process serves the socket or its path is taken by something other than
+   // a socket; Kel::ErrnoException when the socket cannot be made.
+   ControlChannel(Kel::Ptr<Bexa::TaskSchedulerRoot> scheduler, Control::SocketLocation location,
+                  Handler handler);
    ~ControlChannel();
    ControlChannel(const ControlChannel&) = delete;
    ControlChannel& operator=(const ControlChannel&) = delete;
 
-   const Kel::String& path() const { return path_; }
+   const Kel::String& path() const { return location_.path; }
 
  private:
+   void prepareDirectory() const;
    void removeStaleSocket() const;
    void bindSocket();
    void handleReadable();
 
    Kel::Ptr<Bexa::TaskSchedulerRoot> scheduler_;
-   Kel::String path_;
+   Control::SocketLocation location_;
    Handler handler_;
    int fd_ = -1;
    // The socket file as bound, so that only that file is removed at the end.

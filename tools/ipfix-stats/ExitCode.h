@@ -9,7 +9,7 @@ namespace IpfixStats {
 enum ExitCode : int {
    exitOk = 0,
    exitFailure = 1,  // a system error: permissions, memory; clear: the agent did not answer
-   exitUsage = 2,    // bad command line or table name
+   exitUsage = 2,    // bad command line, table name or runtime directory
    exitMissing = 3,  // no such table
    exitOtherLayout = 4,
    exitCorrupt = 5,
