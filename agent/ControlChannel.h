@@ -1,9 +1,11 @@
 #pragma once
 
+#include <sys/socket.h>
 #include <sys/types.h>
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
 
 #include "Bexa/TaskScheduler.h"
@@ -18,6 +20,12 @@ namespace Agent {
 // request from a sender without an address is dropped undone.
 // Nothing here blocks: requests are read and replies sent without waiting,
 // and a reply the sender is not ready for is dropped.
+//
+// Only the process's own user (its effective uid) and root are answered,
+// checked from the credentials the kernel attaches to every datagram: the
+// socket file's permissions keep other users out, but a descriptor connected
+// to it can be handed to anyone. Others, and a datagram without credentials,
+// get an error reply, and the attempt goes to stderr and the trace.
 //
 // The socket file is created for the owner only (like the statistics table's
 // segment), replaces a stale one that no process serves, and is removed when
@@ -43,10 +51,14 @@ class ControlChannel {
    void removeStaleSocket() const;
    void bindSocket();
    void handleReadable();
+   // Why a request from `sender` (nullopt: no credentials came) is refused,
+   // which is reported on stderr and in the trace; nullopt when it is not.
+   std::optional<Kel::String> refusal(const std::optional<ucred>& sender) const;
 
    Kel::Ptr<Bexa::TaskSchedulerRoot> scheduler_;
    Control::SocketLocation location_;
    Handler handler_;
+   const uid_t ownerUid_;
    int fd_ = -1;
    // The socket file as bound, so that only that file is removed at the end.
    dev_t fileDevice_ = 0;

@@ -22,6 +22,10 @@
 // percent-encoded (every octet other than a letter, a digit, '-', '.', '_'
 // or '~' is written %XX), because the configuration file allows any text in
 // a name, spaces and '=' included.
+//
+// The agent reads the sender's credentials from each datagram and answers
+// only its own user and root; anyone else gets "error: ..." and nothing is
+// done.
 namespace Control {
 
 // The longest request or reply; anything longer is refused whole.

@@ -28,6 +28,10 @@ using TestSupport::ChildProcess;
 const std::string ipfixStats = IPFIX_STATS_PATH;
 const std::string ipfixAgent = IPFIX_AGENT_PATH;
 
+// Users other than root, for the tests that run as root.
+constexpr uid_t nobody = 65534;
+constexpr uid_t anotherUser = 65533;
+
 bool exists(const std::string& path) {
    struct stat st {};
    return ::lstat(path.c_str(), &st) == 0;
@@ -60,6 +64,12 @@ class DatagramSocket {
       ASSERT_EQ(::bind(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof addr), 0)
           << std::strerror(errno);
    }
+   void connectTo(const std::string& path) {
+      const sockaddr_un addr = address(path);
+      ASSERT_EQ(::connect(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof addr), 0)
+          << std::strerror(errno);
+   }
+   int fd() const { return fd_; }
    void sendTo(const std::string& path, const std::string& bytes) {
       const sockaddr_un addr = address(path);
       ASSERT_EQ(::sendto(fd_, bytes.data(), bytes.size(), 0,
@@ -127,12 +137,13 @@ std::map<Where, Vorpa::Ipfix::CollectorStatisticsEntry> entriesOf(const std::str
 // started once its templates and options templates reached every collector.
 class ExportingAgent {
  public:
-   explicit ExportingAgent(const std::string& table, const std::vector<std::string>& args = {})
+   explicit ExportingAgent(const std::string& table, const std::vector<std::string>& args = {},
+                           std::optional<uid_t> user = std::nullopt)
        : table_(table), configPath_(::testing::TempDir() + "/clear-" + table + ".yaml") {
       std::ofstream(configPath_) << config(rx_[0].port(), rx_[1].port(), rx_[2].port());
       std::vector<std::string> command{ipfixAgent, "--config", configPath_, "--stats-table", table};
       command.insert(command.end(), args.begin(), args.end());
-      agent_ = std::make_unique<ChildProcess>(command);
+      agent_ = std::make_unique<ChildProcess>(command, user);
       const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
       while (!exported() && std::chrono::steady_clock::now() < deadline) {
          for (auto& rx : rx_) {
@@ -425,6 +436,70 @@ TEST(IpfixStatsClear, AgentKeepsOffSocketPathsItDoesNotOwn) {
    // The first agent still serves its table.
    EXPECT_EQ(clear(table, {"--tracker", "ft2"}).exitCode, 0);
    EXPECT_EQ(first.stop().exitCode, 0);
+}
+
+// The agent answers its own user and root only, whoever reaches its socket.
+// The socket file keeps other users out, but a descriptor connected to it
+// works for whoever holds it: here a sender connects while still root and
+// then becomes another user, and the agent goes by who sends. It runs as root
+// and as nobody in turn, so that its own user and root are told apart.
+TEST(IpfixStatsClear, OnlyTheAgentsUserAndRootAreAnswered) {
+   if (::geteuid() != 0) {
+      GTEST_SKIP() << "needs root, to run the agent and its clients as other users";
+   }
+   const TestSupport::ScopedRuntimeDirectory runtime;
+   // The agent of nobody makes its socket there too.
+   ASSERT_EQ(::chown(runtime.path().c_str(), nobody, nobody), 0) << std::strerror(errno);
+   const struct {
+      const char* what;
+      uid_t agentUser;
+      // Refused senders first: the table must still be untouched when they
+      // have been refused.
+      std::vector<std::pair<uid_t, bool>> senders;  // uid, answered
+   } agents[] = {
+       {"agent of root", 0, {{nobody, false}, {0, true}}},
+       {"agent of nobody", nobody, {{anotherUser, false}, {nobody, true}, {0, true}}},
+   };
+   for (const auto& a : agents) {
+      SCOPED_TRACE(a.what);
+      const TestSupport::ScopedTableName table("clearuser");
+      ExportingAgent agent(table, {}, a.agentUser);
+      ASSERT_TRUE(agent.exported()) << "the agent did not start exporting";
+      const auto before = entriesOf(table);
+      std::vector<std::string> refusalsLogged;
+      for (const auto& [uid, answered] : a.senders) {
+         SCOPED_TRACE("sender uid " + std::to_string(uid));
+         DatagramSocket client;
+         client.connectTo(runtime.socketOf(table));
+         const std::string request = "clear tracker=ft1\n";
+         const pid_t sender = ::fork();
+         if (sender == 0) {
+            const bool sent = TestSupport::becomeUser(uid) &&
+                              ::send(client.fd(), request.data(), request.size(), MSG_DONTWAIT) ==
+                                  static_cast<ssize_t>(request.size());
+            ::_exit(sent ? 0 : 1);
+         }
+         int status = 0;
+         ASSERT_EQ(::waitpid(sender, &status, 0), sender);
+         ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the sender failed";
+         const auto reply = client.receive();
+         ASSERT_TRUE(reply) << "no reply";
+         if (answered) {
+            EXPECT_EQ(*reply, "ok\n");
+         } else {
+            EXPECT_EQ(*reply, "error: permission denied: only uid " + std::to_string(a.agentUser) +
+                                  " and root may send requests\n");
+            expectUnchanged(before, table);
+            refusalsLogged.push_back("refused a control request from uid " + std::to_string(uid) +
+                                     " (pid " + std::to_string(sender) + ")");
+         }
+      }
+      const ChildProcess::Result end = agent.stop();
+      EXPECT_EQ(end.exitCode, 0) << end.err;
+      for (const std::string& line : refusalsLogged) {
+         EXPECT_NE(end.err.find(line), std::string::npos) << end.err;
+      }
+   }
 }
 
 }  // namespace

@@ -14,7 +14,8 @@ enum ExitCode : int {
    exitOtherLayout = 4,
    exitCorrupt = 5,
    exitNoAgent = 6,  // clear: no agent serves the table
-   exitRefused = 7,  // clear: the agent refused the request (a tracker or exporter it lacks)
+   exitRefused = 7,  // clear: the agent refused the request (a tracker or exporter it lacks,
+                     // a user it does not serve)
 };
 
 inline ExitCode exitCodeFor(Vorpa::MountProblem problem) {

@@ -123,7 +123,7 @@ int main(int argc, char** argv) {
        "table name or runtime directory, 3 no such table, 4 table of another layout or version, 5 "
        "corrupt table, "
        "6 clear: no agent running for the table, 7 clear: the agent refused the request (a tracker "
-       "or exporter it does not have).");
+       "or exporter it does not have, or a user it does not serve).");
    try {
       app.parse(argc, argv);
    } catch (const CLI::ParseError& e) {
