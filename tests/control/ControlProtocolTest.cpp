@@ -14,7 +14,7 @@ TEST(ControlProtocol, RequestsCarryAnyNameThroughTheirText) {
        {"ft1", "e1"},
        {"ft edge=1", "exp%20 x"},
        {"line\nbreak\r\t", std::string("nul\0byte", 8)},
-       {"caf\xc3\xa9", "~-._"},
+       {"caf\xc3\xa9 a/b?", "~-._"},
        {Kel::Name(63, 'x'), Kel::Name(63, '%')},
    };
    for (const ClearRequest& r : requests) {

@@ -23,8 +23,8 @@ TEST(SocketLocation, CommandLineThenEnvironmentThenDefault) {
       std::string expected;             // the path, or a part of the error
       const char* directory = nullptr;  // nullptr: an error is expected
    } cases[] = {
-       {"service manager", "/run/ipfix", "/run/user/0", nullptr, "t",
-        "/run/ipfix/ipfix-agent.t.sock", "/run/ipfix"},
+       {"service manager", "/run/ipfix", "/run/user/0", nullptr, "azAZ09.-_",
+        "/run/ipfix/ipfix-agent.azAZ09.-_.sock", "/run/ipfix"},
        {"several from the service manager", "/run/a:/run/b", nullptr, nullptr, "t",
         "/run/a/ipfix-agent.t.sock", "/run/a"},
        {"login session", "", "/run/user/1000/", nullptr, "t", "/run/user/1000/ipfix-agent.t.sock",
