@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cstdio>
 
-#include "ControlProtocol.h"
 #include "ControlRequests.h"
 #include "Kel/Exception.h"
 #include "Kel/Trace.h"
@@ -85,18 +84,21 @@ bool AgentRuntime::start() {
 
 // The control socket comes before the statistics table, so that a second
 // agent started on the same table stops before it replaces the first one's
-// table. A table name that cannot name a socket (the command line accepts
-// more than the file) leaves the agent without one, and says so.
+// table. A socket that cannot be named (the command line accepts longer
+// table names than the file, and the environment may name no usable
+// directory) leaves the agent without one, and it says so: exporting goes on.
 void AgentRuntime::controlChannelIs(const Kel::Name& statisticsTable) {
    Kel::String error;
-   const auto path = Control::socketPath(statisticsTable, &error);
-   if (!path) {
+   auto location = Control::socketLocation(
+       statisticsTable, Control::SocketPlacement::fromEnvironment(options_.controlSocket), &error);
+   if (!location) {
       std::fprintf(stderr, "ipfix-agent: no control socket: %s\n", error.c_str());
       return;
    }
-   control_ = std::make_unique<ControlChannel>(scheduler_, *path, [this](std::string_view request) {
-      return answerControlRequest(request, writer_->config(), *configReq_);
-   });
+   control_ = std::make_unique<ControlChannel>(
+       scheduler_, std::move(*location), [this](std::string_view request) {
+          return answerControlRequest(request, writer_->config(), *configReq_);
+       });
 }
 
 // Creates the library of each type the configuration uses, in the start order

@@ -29,6 +29,8 @@ class AgentRuntime {
       Kel::String configPath;
       // Overrides the file's statistics table name.
       std::optional<Kel::Name> statisticsTable;
+      // The control socket's path, instead of one in the runtime directory.
+      std::optional<Kel::String> controlSocket;
    };
 
    explicit AgentRuntime(Options options);
@@ -39,7 +41,8 @@ class AgentRuntime {
    // Loads and applies the file, opens the control socket and builds the
    // library. On a bad file prints every error and returns false, having
    // built nothing. Throws Kel::Exception when the control socket belongs to
-   // another running agent, before the statistics table is touched.
+   // another running agent or cannot be made (see ControlChannel), before
+   // the statistics table is touched.
    bool start();
    // Runs the loop until a stop signal, then tears down. Returns the exit code.
    int run();

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 
+#include "ConfigLimits.h"
 #include "ControlProtocol.h"
 #include "Kel/System.h"
 #include "Kel/Trace.h"
@@ -14,6 +15,9 @@ namespace Agent {
 namespace {
 
 Kel::TraceHandle traceAgent("Agent");
+
+// The protocol takes every name the configuration can hold, and no longer.
+static_assert(Control::maxNameLength == Limits::maxKeyNameLength);
 
 const Tracker* findTracker(const AgentConfig& config, const Kel::Name& name) {
    for (const auto& [type, tracking] : config.tracking) {

@@ -1,6 +1,7 @@
 // ipfix-agent: runs the IPFIX export library over a configuration file.
 #include <CLI/CLI.hpp>
 #include <cstdio>
+#include <optional>
 
 #include "AgentRuntime.h"
 #include "ConfigLoader.h"
@@ -28,6 +29,7 @@ int main(int argc, char** argv) {
    Kel::String traceSpec;
    Kel::String traceFile;
    Kel::String statsTable;
+   std::optional<Kel::String> controlSocket;
    bool checkOnly = false;
    app.add_option("-c,--config", configPath, "Configuration file (YAML)")->check(CLI::ExistingFile);
    app.add_flag("--check", checkOnly, "Validate the configuration file and exit: 0 valid, 2 not");
@@ -35,6 +37,9 @@ int main(int argc, char** argv) {
    app.add_option("--trace-file", traceFile, "Write the text trace to this file, not stderr");
    app.add_option("--stats-table", statsTable,
                   "Shared-memory statistics table; overrides the file's statistics-table");
+   app.add_option("--control-socket", controlSocket,
+                  "Path of the control socket, instead of ipfix-agent.<table>.sock in the runtime "
+                  "directory ($RUNTIME_DIRECTORY, $XDG_RUNTIME_DIR or /run/ipfix-agent)");
    app.set_version_flag("--version", version);
    CLI11_PARSE(app, argc, argv);
 
@@ -61,7 +66,7 @@ int main(int argc, char** argv) {
 
    // A broken invariant ends the process, after the binary trace is dumped.
    Flitlog::dumpOnFatalErrors();
-   Agent::AgentRuntime::Options options{configPath, std::nullopt};
+   Agent::AgentRuntime::Options options{configPath, std::nullopt, controlSocket};
    if (!statsTable.empty()) {
       options.statisticsTable = statsTable;
    }

@@ -12,6 +12,7 @@
 #include "Ipfix/CollectorStats.h"
 #include "Vorpa/Segment.h"
 #include "support/LoopbackCollector.h"
+#include "support/ScopedRuntimeDirectory.h"
 #include "support/UdpReceiver.h"
 
 namespace {
@@ -150,6 +151,7 @@ bool allTables(const std::vector<IpfixCollect::DecodedMessage>& messages) {
 
 TEST(AgentProcess, ExportsReloadsAndStopsCleanly) {
    using C = TestSupport::LoopbackCollector;
+   const TestSupport::ScopedRuntimeDirectory runtime;
    const std::string table = "ipfix-agent-test-" + std::to_string(getpid());
    const std::string path = tempPath("agent.yaml");
    C c1(false), c2(false);

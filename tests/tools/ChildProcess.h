@@ -1,5 +1,6 @@
 #pragma once
 
+#include <grp.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -12,14 +13,22 @@
 
 namespace TestSupport {
 
-// A program run with its standard output and error on pipes. Reads wait on
-// the pipes, bounded by a generous limit so that a broken program fails the
-// test instead of hanging it.
+// Makes this process `uid` for good, group `uid` and no supplementary groups
+// (root's would go on granting access). False when it may not: only root may.
+inline bool becomeUser(uid_t uid) {
+   return setgroups(0, nullptr) == 0 && setresgid(uid, uid, uid) == 0 &&
+          setresuid(uid, uid, uid) == 0;
+}
+
+// A program run with its standard output and error on pipes, as this
+// process's user or as `user`. Reads wait on the pipes, bounded by a generous
+// limit so that a broken program fails the test instead of hanging it.
 class ChildProcess {
  public:
    static constexpr int pipeWaitLimitMs = 60'000;
 
-   explicit ChildProcess(const std::vector<std::string>& args) {
+   explicit ChildProcess(const std::vector<std::string>& args,
+                         std::optional<uid_t> user = std::nullopt) {
       int out[2];
       int err[2];
       if (pipe(out) != 0 || pipe(err) != 0) {
@@ -36,6 +45,9 @@ class ChildProcess {
             argv.push_back(const_cast<char*>(a.c_str()));
          }
          argv.push_back(nullptr);
+         if (user && !becomeUser(*user)) {
+            _exit(126);
+         }
          execv(argv[0], argv.data());
          _exit(127);
       }

@@ -12,13 +12,15 @@
 
 #include "Ipfix/CollectorStats.h"
 #include "Kel/System.h"
+#include "support/ScopedRuntimeDirectory.h"
 #include "support/ScopedTableName.h"
 #include "support/UdpReceiver.h"
 #include "tools/ChildProcess.h"
 
 // `ipfix-stats clear` against the agent as an operator runs them: two
 // processes, the agent exporting to UDP receivers of this test on loopback,
-// the tool finding it through the control socket of the statistics table.
+// the tool finding it through the control socket of the statistics table in
+// a runtime directory of the test's own.
 namespace {
 
 using TestSupport::ChildProcess;
@@ -26,10 +28,9 @@ using TestSupport::ChildProcess;
 const std::string ipfixStats = IPFIX_STATS_PATH;
 const std::string ipfixAgent = IPFIX_AGENT_PATH;
 
-// Where the README says the agent serving `table` listens.
-std::string socketPathOf(const std::string& table) {
-   return "/tmp/ipfix-agent." + table + ".sock";
-}
+// Users other than root, for the tests that run as root.
+constexpr uid_t nobody = 65534;
+constexpr uid_t anotherUser = 65533;
 
 bool exists(const std::string& path) {
    struct stat st {};
@@ -63,6 +64,12 @@ class DatagramSocket {
       ASSERT_EQ(::bind(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof addr), 0)
           << std::strerror(errno);
    }
+   void connectTo(const std::string& path) {
+      const sockaddr_un addr = address(path);
+      ASSERT_EQ(::connect(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof addr), 0)
+          << std::strerror(errno);
+   }
+   int fd() const { return fd_; }
    void sendTo(const std::string& path, const std::string& bytes) {
       const sockaddr_un addr = address(path);
       ASSERT_EQ(::sendto(fd_, bytes.data(), bytes.size(), 0,
@@ -130,11 +137,13 @@ std::map<Where, Vorpa::Ipfix::CollectorStatisticsEntry> entriesOf(const std::str
 // started once its templates and options templates reached every collector.
 class ExportingAgent {
  public:
-   explicit ExportingAgent(const std::string& table)
+   explicit ExportingAgent(const std::string& table, const std::vector<std::string>& args = {},
+                           std::optional<uid_t> user = std::nullopt)
        : table_(table), configPath_(::testing::TempDir() + "/clear-" + table + ".yaml") {
       std::ofstream(configPath_) << config(rx_[0].port(), rx_[1].port(), rx_[2].port());
-      agent_ = std::make_unique<ChildProcess>(
-          std::vector<std::string>{ipfixAgent, "--config", configPath_, "--stats-table", table});
+      std::vector<std::string> command{ipfixAgent, "--config", configPath_, "--stats-table", table};
+      command.insert(command.end(), args.begin(), args.end());
+      agent_ = std::make_unique<ChildProcess>(command, user);
       const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
       while (!exported() && std::chrono::steady_clock::now() < deadline) {
          for (auto& rx : rx_) {
@@ -194,14 +203,17 @@ void expectUnchanged(const std::map<Where, Vorpa::Ipfix::CollectorStatisticsEntr
 // Each request clears the entries it names and writes their clear time, and
 // leaves the others alone. Each case also starts its agent over a stale
 // socket, which the agent replaces, and checks that it removes its socket
-// when it stops.
+// when it stops. One case places the socket with --control-socket, given to
+// the agent and the tool alike, instead of in the runtime directory.
 TEST(IpfixStatsClear, ClearsTheNamedCountersOnly) {
+   const TestSupport::ScopedRuntimeDirectory runtime;
    const struct {
       const char* what;
       std::vector<std::string> args;
       std::set<int> cleared;  // collectors 0 (ft1/e1), 1 (ft2/e2), 2 (ft2/e3)
       std::set<std::pair<std::string, std::string>> clearTimes;
       const char* message;
+      bool controlSocketOption = false;
    } cases[] = {
        {"tracker", {"--tracker", "ft1"}, {0}, {{"ft1", ""}}, "of tracker ft1 in table"},
        {"tracker of two exporters", {"--tracker", "ft2"}, {1, 2}, {{"ft2", ""}}, "of tracker ft2"},
@@ -209,22 +221,31 @@ TEST(IpfixStatsClear, ClearsTheNamedCountersOnly) {
         {"--tracker", "ft2", "--exporter", "e3"},
         {2},
         {{"ft2", "e3"}},
-        "of exporter e3 of tracker ft2"},
+        "of exporter e3 of tracker ft2",
+        true},
        {"everything", {}, {0, 1, 2}, {{"ft1", ""}, {"ft2", ""}}, "of every tracker"},
    };
    const Where collectorOf[] = {{"ft1", "e1", ""}, {"ft2", "e2", ""}, {"ft2", "e3", ""}};
    for (const auto& c : cases) {
       SCOPED_TRACE(c.what);
       const TestSupport::ScopedTableName table("clear");
-      const std::string socketPath = socketPathOf(table);
+      const std::string socketPath =
+          c.controlSocketOption ? runtime.path() + "/chosen.sock" : runtime.socketOf(table);
+      std::vector<std::string> socketArgs;
+      if (c.controlSocketOption) {
+         socketArgs = {"--control-socket", socketPath};
+      }
       DatagramSocket(false).bindTo(socketPath);
       ASSERT_TRUE(exists(socketPath));
-      ExportingAgent agent(table);
+      ExportingAgent agent(table, socketArgs);
       ASSERT_TRUE(agent.exported()) << "the agent did not start exporting";
+      EXPECT_EQ(exists(runtime.socketOf(table)), !c.controlSocketOption);
       const auto before = entriesOf(table);
 
       const Kel::Seconds requested = Kel::System::currentTime();
-      const ChildProcess::Result result = clear(table, c.args);
+      std::vector<std::string> args = c.args;
+      args.insert(args.end(), socketArgs.begin(), socketArgs.end());
+      const ChildProcess::Result result = clear(table, args);
       const Kel::Seconds answered = Kel::System::currentTime();
       EXPECT_EQ(result.exitCode, 0) << result.err;
       EXPECT_NE(result.out.find(c.message), std::string::npos) << result.out;
@@ -261,6 +282,7 @@ TEST(IpfixStatsClear, ClearsTheNamedCountersOnly) {
 
 // Failures are one line and a distinct exit status each, and change nothing.
 TEST(IpfixStatsClear, FailuresSayWhyAndChangeNothing) {
+   const TestSupport::ScopedRuntimeDirectory runtime;
    const TestSupport::ScopedTableName table("clearerr");
    ExportingAgent agent(table);
    ASSERT_TRUE(agent.exported()) << "the agent did not start exporting";
@@ -268,7 +290,7 @@ TEST(IpfixStatsClear, FailuresSayWhyAndChangeNothing) {
 
    const TestSupport::ScopedTableName noAgent("clearnone");
    const TestSupport::ScopedTableName staleTable("clearstale");
-   DatagramSocket(false).bindTo(socketPathOf(staleTable));
+   DatagramSocket(false).bindTo(runtime.socketOf(staleTable));
    const struct {
       const char* what;
       std::string table;
@@ -293,6 +315,16 @@ TEST(IpfixStatsClear, FailuresSayWhyAndChangeNothing) {
        {"bad table name", "../etc", {}, 2, "invalid table name '../etc'"},
        {"no agent", noAgent, {"--tracker", "ft1"}, 6, "no agent running for table"},
        {"stale socket", staleTable, {"--tracker", "ft1"}, 6, "no agent running for table"},
+       {"no agent at --control-socket",
+        table,
+        {"--tracker", "ft1", "--control-socket", runtime.path() + "/missing/x.sock"},
+        6,
+        "no agent running for table"},
+       {"--control-socket naming no file",
+        table,
+        {"--control-socket", ""},
+        2,
+        "does not name a file"},
    };
    for (const auto& c : cases) {
       SCOPED_TRACE(c.what);
@@ -304,19 +336,19 @@ TEST(IpfixStatsClear, FailuresSayWhyAndChangeNothing) {
       EXPECT_EQ(result.err.find('\n'), result.err.size() - 1) << "one line: " << result.err;
    }
    expectUnchanged(before, table);
-   EXPECT_TRUE(exists(socketPathOf(staleTable))) << "only the agent replaces a stale socket";
-   ::unlink(socketPathOf(staleTable).c_str());
+   EXPECT_TRUE(exists(runtime.socketOf(staleTable))) << "only the agent replaces a stale socket";
    EXPECT_EQ(agent.stop().exitCode, 0);
 }
 
 // Whatever arrives on the socket is answered with the reason it is refused,
 // changes nothing, and leaves the agent serving.
 TEST(IpfixStatsClear, MalformedRequestsAreAnsweredAndChangeNothing) {
+   const TestSupport::ScopedRuntimeDirectory runtime;
    const TestSupport::ScopedTableName table("clearbad");
    ExportingAgent agent(table);
    ASSERT_TRUE(agent.exported()) << "the agent did not start exporting";
    const auto before = entriesOf(table);
-   const std::string socketPath = socketPathOf(table);
+   const std::string socketPath = runtime.socketOf(table);
 
    // A request that cannot be answered, from a socket without an address,
    // is not done either.
@@ -356,42 +388,118 @@ TEST(IpfixStatsClear, MalformedRequestsAreAnsweredAndChangeNothing) {
 
 // An agent does not take a socket path it does not own: a second agent on
 // the same table, or a file that is not a socket, stops it before it touches
-// the table.
+// the table; so does a directory it cannot put its socket in.
 TEST(IpfixStatsClear, AgentKeepsOffSocketPathsItDoesNotOwn) {
+   const TestSupport::ScopedRuntimeDirectory runtime;
    const TestSupport::ScopedTableName table("clearown");
    ExportingAgent first(table);
    ASSERT_TRUE(first.exported()) << "the agent did not start exporting";
    const TestSupport::ScopedTableName fileTable("clearfile");
-   std::ofstream(socketPathOf(fileTable)) << "not a socket\n";
+   const std::string filePath = runtime.socketOf(fileTable);
+   std::ofstream(filePath) << "not a socket\n";
 
    const std::string configPath = ::testing::TempDir() + "/clear-own.yaml";
    std::ofstream(configPath) << config(1, 2, 3);
    const struct {
       const char* what;
       std::string table;
-      const char* message;
+      std::vector<std::string> args;
+      std::string message;
    } cases[] = {
-       {"served by another agent", table, "another ipfix-agent serves this statistics table"},
-       {"not a socket", fileTable, "the path exists and is not a socket"},
+       {"served by another agent", table, {}, "another ipfix-agent serves this statistics table"},
+       {"not a socket", fileTable, {}, "the path exists and is not a socket"},
+       {"missing directory",
+        table,
+        {"--control-socket", runtime.path() + "/missing/x.sock"},
+        "control socket directory " + runtime.path() + "/missing does not exist"},
+       {"directory that is a file",
+        table,
+        {"--control-socket", filePath + "/x.sock"},
+        "control socket directory " + filePath + " is not a directory"},
    };
    for (const auto& c : cases) {
       SCOPED_TRACE(c.what);
       const auto before = entriesOf(table);
-      const ChildProcess::Result second =
-          ChildProcess::run({ipfixAgent, "--config", configPath, "--stats-table", c.table});
+      std::vector<std::string> command{ipfixAgent, "--config", configPath, "--stats-table",
+                                       c.table};
+      command.insert(command.end(), c.args.begin(), c.args.end());
+      const ChildProcess::Result second = ChildProcess::run(command);
       EXPECT_EQ(second.exitCode, 1);
       EXPECT_NE(second.err.find(c.message), std::string::npos) << second.err;
+      EXPECT_EQ(second.err.find('\n'), second.err.size() - 1) << "one line: " << second.err;
       expectUnchanged(before, table);
-      EXPECT_TRUE(exists(socketPathOf(c.table)));
    }
-   std::ifstream in(socketPathOf(fileTable));
+   std::ifstream in(filePath);
    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), "not a socket\n");
-   ::unlink(socketPathOf(fileTable).c_str());
    ::unlink(configPath.c_str());
 
    // The first agent still serves its table.
    EXPECT_EQ(clear(table, {"--tracker", "ft2"}).exitCode, 0);
    EXPECT_EQ(first.stop().exitCode, 0);
+}
+
+// The agent answers its own user and root only, whoever reaches its socket.
+// The socket file keeps other users out, but a descriptor connected to it
+// works for whoever holds it: here a sender connects while still root and
+// then becomes another user, and the agent goes by who sends. It runs as root
+// and as nobody in turn, so that its own user and root are told apart.
+TEST(IpfixStatsClear, OnlyTheAgentsUserAndRootAreAnswered) {
+   if (::geteuid() != 0) {
+      GTEST_SKIP() << "needs root, to run the agent and its clients as other users";
+   }
+   const TestSupport::ScopedRuntimeDirectory runtime;
+   // The agent of nobody makes its socket there too.
+   ASSERT_EQ(::chown(runtime.path().c_str(), nobody, nobody), 0) << std::strerror(errno);
+   const struct {
+      const char* what;
+      uid_t agentUser;
+      // Refused senders first: the table must still be untouched when they
+      // have been refused.
+      std::vector<std::pair<uid_t, bool>> senders;  // uid, answered
+   } agents[] = {
+       {"agent of root", 0, {{nobody, false}, {0, true}}},
+       {"agent of nobody", nobody, {{anotherUser, false}, {nobody, true}, {0, true}}},
+   };
+   for (const auto& a : agents) {
+      SCOPED_TRACE(a.what);
+      const TestSupport::ScopedTableName table("clearuser");
+      ExportingAgent agent(table, {}, a.agentUser);
+      ASSERT_TRUE(agent.exported()) << "the agent did not start exporting";
+      const auto before = entriesOf(table);
+      std::vector<std::string> refusalsLogged;
+      for (const auto& [uid, answered] : a.senders) {
+         SCOPED_TRACE("sender uid " + std::to_string(uid));
+         DatagramSocket client;
+         client.connectTo(runtime.socketOf(table));
+         const std::string request = "clear tracker=ft1\n";
+         const pid_t sender = ::fork();
+         if (sender == 0) {
+            const bool sent = TestSupport::becomeUser(uid) &&
+                              ::send(client.fd(), request.data(), request.size(), MSG_DONTWAIT) ==
+                                  static_cast<ssize_t>(request.size());
+            ::_exit(sent ? 0 : 1);
+         }
+         int status = 0;
+         ASSERT_EQ(::waitpid(sender, &status, 0), sender);
+         ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the sender failed";
+         const auto reply = client.receive();
+         ASSERT_TRUE(reply) << "no reply";
+         if (answered) {
+            EXPECT_EQ(*reply, "ok\n");
+         } else {
+            EXPECT_EQ(*reply, "error: permission denied: only uid " + std::to_string(a.agentUser) +
+                                  " and root may send requests\n");
+            expectUnchanged(before, table);
+            refusalsLogged.push_back("refused a control request from uid " + std::to_string(uid) +
+                                     " (pid " + std::to_string(sender) + ")");
+         }
+      }
+      const ChildProcess::Result end = agent.stop();
+      EXPECT_EQ(end.exitCode, 0) << end.err;
+      for (const std::string& line : refusalsLogged) {
+         EXPECT_NE(end.err.find(line), std::string::npos) << end.err;
+      }
+   }
 }
 
 }  // namespace

@@ -19,7 +19,7 @@ ExitCode error(ExitCode code, const Kel::String& message) {
    return code;
 }
 
-Kel::String what(const Agent::Control::ClearRequest& request) {
+Kel::String what(const Control::ClearRequest& request) {
    if (request.tracker.empty()) {
       return "every tracker";
    }
@@ -31,20 +31,22 @@ Kel::String what(const Agent::Control::ClearRequest& request) {
 
 }  // namespace
 
-ExitCode clearCounters(const Kel::String& table, const Agent::Control::ClearRequest& request) {
+ExitCode clearCounters(const Kel::String& table, const Control::ClearRequest& request,
+                       const Control::SocketPlacement& placement) {
    Kel::String problem;
-   const auto path = Agent::Control::socketPath(table, &problem);
-   if (!path) {
+   const auto socket = Control::socketLocation(table, placement, &problem);
+   if (!socket) {
       return error(exitUsage, problem);
    }
-   if (const auto p = Agent::Control::requestProblem(request)) {
+   const Kel::String& path = socket->path;
+   if (const auto p = Control::requestProblem(request)) {
       return error(exitUsage, *p);
    }
-   const Exchange result = exchange(*path, Agent::Control::requestText(request), replyTimeoutMs);
+   const Exchange result = exchange(path, Control::requestText(request), replyTimeoutMs);
    switch (result.outcome) {
       case Exchange::Outcome::noAgent:
          return error(exitNoAgent, fmt::format("no agent running for table '{}' (no one serves {})",
-                                               table, *path));
+                                               table, path));
       case Exchange::Outcome::noReply:
          return error(exitFailure,
                       fmt::format("the agent serving table '{}' did not answer in {} s", table,
@@ -54,7 +56,7 @@ ExitCode clearCounters(const Kel::String& table, const Agent::Control::ClearRequ
       case Exchange::Outcome::replied:
          break;
    }
-   const auto reply = Agent::Control::parseReply(result.text);
+   const auto reply = Control::parseReply(result.text);
    if (!reply) {
       return error(exitFailure,
                    fmt::format("unexpected reply from the agent serving table '{}'", table));

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "agent/ControlProtocol.h"
+#include "ControlProtocol.h"
 
 namespace IpfixStats {
 
@@ -73,7 +73,7 @@ Exchange exchange(const Kel::String& path, std::string_view request, int timeout
    if (ready == 0) {
       return {Exchange::Outcome::noReply, {}};
    }
-   char buffer[Agent::Control::maxMessageLength];
+   char buffer[Control::maxMessageLength];
    const ssize_t n = ::recv(socket.fd(), buffer, sizeof buffer, MSG_DONTWAIT);
    if (n < 0) {
       // The agent went away between the request and the reply.

@@ -9,12 +9,13 @@ namespace IpfixStats {
 enum ExitCode : int {
    exitOk = 0,
    exitFailure = 1,  // a system error: permissions, memory; clear: the agent did not answer
-   exitUsage = 2,    // bad command line or table name
+   exitUsage = 2,    // bad command line, table name or runtime directory
    exitMissing = 3,  // no such table
    exitOtherLayout = 4,
    exitCorrupt = 5,
    exitNoAgent = 6,  // clear: no agent serves the table
-   exitRefused = 7,  // clear: the agent refused the request (a tracker or exporter it lacks)
+   exitRefused = 7,  // clear: the agent refused the request (a tracker or exporter it lacks,
+                     // a user it does not serve)
 };
 
 inline ExitCode exitCodeFor(Vorpa::MountProblem problem) {

@@ -38,7 +38,8 @@ struct Options {
    std::string table{Vorpa::Ipfix::defaultCollectorStatisticsTableName};
    bool json = false;
    bool watch = false;
-   Agent::Control::ClearRequest clear;
+   Control::ClearRequest clear;
+   std::optional<std::string> controlSocket;
 };
 
 void print(const IpfixStats::Snapshot& snapshot, const Options& options) {
@@ -113,11 +114,16 @@ int main(int argc, char** argv) {
    CLI::Option* exporter =
        clear->add_option("--exporter", options.clear.exporter,
                          "Clear only this exporter of the tracker (needs --tracker)");
+   clear->add_option(
+       "--control-socket", options.controlSocket,
+       "The agent's control socket, instead of ipfix-agent.<table>.sock in the "
+       "runtime directory ($RUNTIME_DIRECTORY, $XDG_RUNTIME_DIR or /run/ipfix-agent)");
    app.footer(
-       "Exit status: 0 success, 1 system error (clear: the agent did not answer), 2 bad usage or "
-       "table name, 3 no such table, 4 table of another layout or version, 5 corrupt table, "
+       "Exit status: 0 success, 1 system error (clear: the agent did not answer), 2 bad usage, "
+       "table name or runtime directory, 3 no such table, 4 table of another layout or version, 5 "
+       "corrupt table, "
        "6 clear: no agent running for the table, 7 clear: the agent refused the request (a tracker "
-       "or exporter it does not have).");
+       "or exporter it does not have, or a user it does not serve).");
    try {
       app.parse(argc, argv);
    } catch (const CLI::ParseError& e) {
@@ -134,7 +140,9 @@ int main(int argc, char** argv) {
          std::cerr << "ipfix-stats: --json and --watch do not go with clear\n";
          return IpfixStats::exitUsage;
       }
-      return IpfixStats::clearCounters(options.table, options.clear);
+      return IpfixStats::clearCounters(
+          options.table, options.clear,
+          Control::SocketPlacement::fromEnvironment(options.controlSocket));
    }
    try {
       return run(options);

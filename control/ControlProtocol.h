@@ -6,12 +6,13 @@
 #include "Kel/Types.h"
 
 // The text protocol of the agent's control socket, shared by the agent and
-// ipfix-stats.
+// ipfix-stats. SocketLocation.h says where the socket is.
 //
 // The agent serving statistics table T listens on the Unix datagram socket
-// /tmp/ipfix-agent.T.sock. A client sends one request per datagram, from a
-// socket bound to an address of its own (so that the agent can answer), and
-// gets one reply datagram:
+// ipfix-agent.T.sock of its runtime directory, or at the path given with
+// --control-socket. A client sends one request per datagram, from a socket
+// bound to an address of its own (so that the agent can answer), and gets one
+// reply datagram:
 //
 //   clear                          every tracker's counters
 //   clear tracker=T                the counters of tracker T
@@ -21,16 +22,18 @@
 // percent-encoded (every octet other than a letter, a digit, '-', '.', '_'
 // or '~' is written %XX), because the configuration file allows any text in
 // a name, spaces and '=' included.
-namespace Agent::Control {
+//
+// The agent reads the sender's credentials from each datagram and answers
+// only its own user and root; anyone else gets "error: ..." and nothing is
+// done.
+namespace Control {
 
 // The longest request or reply; anything longer is refused whole.
 inline constexpr std::size_t maxMessageLength = 512;
 
-// The socket of the agent serving `table`. The table name must be what the
-// configuration file accepts (letters, digits, '.', '_' and '-', not "." or
-// ".."), which also keeps the path inside the directory, and short enough
-// for a socket address. Otherwise nullopt with the reason in `error`.
-std::optional<Kel::String> socketPath(std::string_view table, Kel::String* error);
+// The longest tracker or exporter name: names are part of the collector
+// statistics key, and the agent's configuration keeps them to this length.
+inline constexpr std::size_t maxNameLength = 63;
 
 // A counter-clear request; an empty name means every one.
 struct ClearRequest {
@@ -68,4 +71,9 @@ std::optional<Reply> parseReply(std::string_view text);
 Kel::String encodeName(std::string_view name);
 std::optional<Kel::String> decodeName(std::string_view text);
 
-}  // namespace Agent::Control
+// Outside text as an error message shows it: at most 32 octets and "...",
+// octets other than printable ASCII as %XX, so that the message stays one
+// line and fits in a reply.
+Kel::String shownText(std::string_view text);
+
+}  // namespace Control

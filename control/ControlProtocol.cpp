@@ -1,35 +1,23 @@
 #include "ControlProtocol.h"
 
 #include <fmt/format.h>
-#include <sys/un.h>
 
 #include <algorithm>
 #include <vector>
 
-#include "ConfigLimits.h"
-
-namespace Agent::Control {
+namespace Control {
 
 namespace {
 
-constexpr std::string_view socketPrefix = "/tmp/ipfix-agent.";
-constexpr std::string_view socketSuffix = ".sock";
 constexpr std::string_view clearCommand = "clear";
 constexpr std::string_view trackerField = "tracker";
 constexpr std::string_view exporterField = "exporter";
 constexpr std::string_view okText = "ok";
 constexpr std::string_view errorPrefix = "error: ";
 
-// A socket address holds the path and its terminating zero.
-constexpr std::size_t maxPathLength = sizeof(sockaddr_un::sun_path) - 1;
-
 bool isUnreserved(char c) {
    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
           c == '.' || c == '_' || c == '~';
-}
-
-bool isTableNameChar(char c) {
-   return isUnreserved(c) && c != '~';
 }
 
 int hexValue(char c) {
@@ -60,14 +48,6 @@ Kel::String escaped(std::string_view text, Keep keep) {
    return out;
 }
 
-// Outside text in an error message: cut short, so that a reply always fits
-// in a datagram, and with octets other than printable ASCII escaped.
-Kel::String shown(std::string_view text) {
-   constexpr std::size_t maxShown = 32;
-   Kel::String s = escaped(text.substr(0, maxShown), [](char c) { return c >= ' ' && c <= '~'; });
-   return text.size() > maxShown ? s + "..." : s;
-}
-
 bool fail(Kel::String* error, Kel::String message) {
    if (error) {
       *error = std::move(message);
@@ -77,22 +57,10 @@ bool fail(Kel::String* error, Kel::String message) {
 
 }  // namespace
 
-std::optional<Kel::String> socketPath(std::string_view table, Kel::String* error) {
-   const std::size_t maxTable = maxPathLength - socketPrefix.size() - socketSuffix.size();
-   if (table.empty() || table == "." || table == ".." ||
-       !std::all_of(table.begin(), table.end(), isTableNameChar)) {
-      fail(error, fmt::format("invalid table name '{}' for a control socket: expected letters, "
-                              "digits, '.', '_' and '-'",
-                              shown(table)));
-      return std::nullopt;
-   }
-   if (table.size() > maxTable) {
-      fail(error, fmt::format("table name '{}' is too long for a control socket: at most {} "
-                              "characters, not {}",
-                              shown(table), maxTable, table.size()));
-      return std::nullopt;
-   }
-   return fmt::format("{}{}{}", socketPrefix, table, socketSuffix);
+Kel::String shownText(std::string_view text) {
+   constexpr std::size_t maxShown = 32;
+   Kel::String s = escaped(text.substr(0, maxShown), [](char c) { return c >= ' ' && c <= '~'; });
+   return text.size() > maxShown ? s + "..." : s;
 }
 
 std::optional<Kel::String> requestProblem(const ClearRequest& request) {
@@ -101,8 +69,8 @@ std::optional<Kel::String> requestProblem(const ClearRequest& request) {
    }
    for (const auto& [what, name] :
         {std::pair{trackerField, &request.tracker}, std::pair{exporterField, &request.exporter}}) {
-      if (name->size() > Limits::maxKeyNameLength) {
-         return fmt::format("{} name longer than {} octets", what, Limits::maxKeyNameLength);
+      if (name->size() > maxNameLength) {
+         return fmt::format("{} name longer than {} octets", what, maxNameLength);
       }
    }
    return std::nullopt;
@@ -143,7 +111,7 @@ std::optional<ClearRequest> parseRequest(std::string_view text, Kel::String* err
       begin = end + 1;
    }
    if (words.front() != clearCommand) {
-      fail(error, fmt::format("unknown command '{}': expected 'clear'", shown(words.front())));
+      fail(error, fmt::format("unknown command '{}': expected 'clear'", shownText(words.front())));
       return std::nullopt;
    }
    ClearRequest request;
@@ -166,7 +134,8 @@ std::optional<ClearRequest> parseRequest(std::string_view text, Kel::String* err
          target = &request.exporter;
          seen = &seenExporter;
       } else {
-         fail(error, fmt::format("unknown field '{}': expected tracker= or exporter=", shown(key)));
+         fail(error,
+              fmt::format("unknown field '{}': expected tracker= or exporter=", shownText(key)));
          return std::nullopt;
       }
       if (eq == std::string_view::npos) {
@@ -251,4 +220,4 @@ std::optional<Kel::String> decodeName(std::string_view text) {
    return name;
 }
 
-}  // namespace Agent::Control
+}  // namespace Control
