@@ -9,6 +9,7 @@
 #include "Kel/Trace.h"
 #include "Trace/Duplog.h"
 #include "Trace/Flitlog.h"
+#include "Trace/Sinks.h"
 
 namespace {
 
@@ -42,6 +43,7 @@ int main(int argc, char** argv) {
                   "directory ($RUNTIME_DIRECTORY, $XDG_RUNTIME_DIR or /run/ipfix-agent)");
    app.set_version_flag("--version", version);
    CLI11_PARSE(app, argc, argv);
+   TraceSinks::installDefaults();
 
    if (configPath.empty()) {
       std::fprintf(stderr, "ipfix-agent: --config is required\n%s", app.help().c_str());

@@ -7,8 +7,6 @@
 #include <map>
 
 #include "Kel/System.h"
-#include "Trace/Duplog.h"
-#include "Trace/Flitlog.h"
 
 namespace Kel {
 
@@ -17,7 +15,8 @@ namespace {
 struct Registry {
    std::vector<TraceHandle*> handles;
    std::map<Name, int, std::less<>> levels;
-   std::vector<TraceSink*> sinks{&Flitlog::ring(), &Duplog::textTrace()};
+   // None until the process installs its own (see Trace/Sinks.h).
+   std::vector<TraceSink*> sinks;
 
    Registry() {
       if (const char* spec = std::getenv("IPFIX_TRACE")) {
@@ -90,10 +89,6 @@ void TraceHandle::emitText(int level, std::string_view text) const {
 
 bool Trace::configure(std::string_view spec, String* error) {
    return registry().apply(spec, error);
-}
-
-void Trace::configureFromEnvironment() {
-   registry();
 }
 
 int Trace::levelOf(std::string_view facility) {

@@ -49,8 +49,9 @@ class TraceHandle {
    int level_;
 };
 
-// The process-wide trace configuration: levels per facility and the sinks every
-// enabled line goes to (by default the text trace and the binary ring).
+// The process-wide trace configuration: levels per facility (IPFIX_TRACE sets
+// them at start) and the sinks every enabled line goes to, none until the
+// process installs some.
 class Trace {
  public:
    static constexpr int maxLevel = 9;
@@ -60,8 +61,6 @@ class Trace {
    // Applies "Facility/level,Facility/level,..." to existing and future handles.
    // On a malformed spec returns false, sets `error` and changes nothing.
    static bool configure(std::string_view spec, String* error = nullptr);
-   // Applies IPFIX_TRACE when set; a malformed value is reported on stderr.
-   static void configureFromEnvironment();
    static int levelOf(std::string_view facility);
 
    static std::vector<TraceSink*> sinks();

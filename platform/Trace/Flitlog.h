@@ -21,8 +21,9 @@ class Ring final : public Kel::TraceSink {
    std::size_t size() const;
    // The held records as text lines, oldest first.
    std::vector<Kel::String> lines() const;
-   // Writes the held records to `fd`, oldest first. Uses no allocation, so
-   // that it can run from a fatal-signal handler.
+   // Writes the held records to `fd`, oldest first, with write() alone: no
+   // allocation, no locks, no printf, so that a fatal-signal handler may call
+   // it.
    void dump(int fd) const;
 
  private:

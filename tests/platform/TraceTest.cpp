@@ -4,6 +4,7 @@
 #include "Kel/Trace.h"
 #include "Trace/Duplog.h"
 #include "Trace/Flitlog.h"
+#include "Trace/Sinks.h"
 
 namespace {
 
@@ -121,6 +122,8 @@ TEST(Duplog, LineHasTimeFacilityLevelAndText) {
 }
 
 TEST(Trace, EnabledLinesReachBothTheRingAndTheTextTrace) {
+   const auto previous = Kel::Trace::sinks();
+   TraceSinks::installDefaults();
    char path[] = "/tmp/duplog-test-XXXXXX";
    const int fd = mkstemp(path);
    ASSERT_GE(fd, 0);
@@ -132,6 +135,7 @@ TEST(Trace, EnabledLinesReachBothTheRingAndTheTextTrace) {
    KEL_TRACE(traceTest, 3, "to neither");
    Duplog::textTrace().outputToStderr();
    Kel::Trace::configure("TraceTest/0");
+   Kel::Trace::sinksIs(previous);
 
    EXPECT_TRUE(Flitlog::ring().lines().back().ends_with("TraceTest/2 to both 42"));
    FILE* f = fopen(path, "r");
