@@ -13,6 +13,9 @@
 //
 // Seeds come from the real writer: run the target with
 // IPFIX_FUZZ_WRITE_SEEDS=<dir> to write them (tests/fuzz/corpus/stats_reader).
+// The regression-* inputs are three-entries with one damage each (a key of
+// no address family, every slot held open, names that are not UTF-8), made
+// anew from it whenever the table's layout version changes.
 
 #include <fcntl.h>
 #include <sys/mman.h>
