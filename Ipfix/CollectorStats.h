@@ -58,8 +58,6 @@ class CollectorStatistics : public Kel::Entity {
    // iteration.
    const CollectorStatisticsTable& statsControl() const { return table_; }
 
-   bool hasBackupSupport() const { return false; }
-
  private:
    void statsNotify(const CollectorStatisticsKey& key);
 

@@ -111,7 +111,7 @@ namespace {
 // Opens a new socket for one address family of an exporter. A failure to
 // open is traced and rethrown; the socket is then not kept.
 Kel::Ptr<Nivel::UdpPam> openPam(const Kel::Name& name, bool ipv6) {
-   auto pam = Nivel::UdpPam::UdpPamIs(name);
+   auto pam = Nivel::UdpPam::create(name);
    pam->ipv6EnIs(ipv6);
    pam->txPrioIs(pamTxPrio);
    try {

@@ -158,7 +158,6 @@ void FtExporterSm::hwFgStatusIs(const Kel::Ptr<const HwFlowTracking::FgStatus>& 
 
 void FtExporterSm::hwFgStatusDel(TemplateId id) {
    if (hwFgStatus_.erase(id) > 0) {
-      templateLenDel(id);
       scheduleTemplateCreation();
    }
 }
@@ -220,7 +219,6 @@ void FtExporterSm::handleTemplateCreationTask() {
       KEL_TRACE(traceIpfix, 3, "Returning because templateCreationTask not running.");
       return;
    }
-   templateLenDelAll();
    const Kel::U32 length = getFtTemplateLength();
    if (length == 0) {
       templateReadyIs(false);
@@ -236,7 +234,6 @@ void FtExporterSm::handleTemplateCreationTask() {
          continue;
       }
       const Kel::U32 fgLength = getFgTemplateLength(*fg);
-      templateLenIs(id, fgLength);
       KEL_TRACE(traceIpfix, 3, "Template for {} has length: {}, and is at offset: {}", id, fgLength,
                 offset);
       offset = writeTemplateRecord(pkt, offset, *fg);

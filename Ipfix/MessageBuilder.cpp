@@ -118,10 +118,10 @@ Kel::Ptr<Message> MessageBuilder::finalizeMsg() {
    recordCount_ = 0;
 
    Kel::Ptr<Message> finished = std::move(msg_);
-   const Kel::Ptr<Nivel::Pkt> _pkt = std::move(pkt_);
    KEL_ASSERT(msgLen <= pktBufSize());
-   _pkt->bytesIs(msgLen);
-   KEL_ASSERT(_pkt->bytes() == msgLen);
+   const Kel::Ptr<Nivel::Pkt> packet = std::move(pkt_);
+   packet->bytesIs(msgLen);
+   KEL_ASSERT_TEXT(packet->bytes() == msgLen, "_pkt->bytes() == msgLen");
    return finished;
 }
 

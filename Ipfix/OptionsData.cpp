@@ -44,15 +44,6 @@ std::ostream& operator<<(std::ostream& os, OptionsDataScope scope) {
    return os << stringValue(scope);
 }
 
-std::optional<OptionsDataScope> parseOptionsDataScope(std::string_view name) {
-   for (const auto& [value, text] : scopeNames) {
-      if (text == name) {
-         return value;
-      }
-   }
-   return std::nullopt;
-}
-
 void OptionsDataSource::dataRecordIs(const DataRecordPtr& record) {
    Kel::checkMutatorArg(record, "dataRecord", "FlowTracking::OptionsDataSource::dataRecord");
    if (dataRecord_.insert(record)) {

@@ -32,8 +32,6 @@ std::string_view valueToStrep(OptionsDataScope scope);
 // The scope's name, or its number for a value outside the enumeration.
 Kel::String stringValue(OptionsDataScope scope);
 std::ostream& operator<<(std::ostream& os, OptionsDataScope scope);
-// From the name; nullopt for any other text.
-std::optional<OptionsDataScope> parseOptionsDataScope(std::string_view name);
 
 // The current, complete set of records of one data source. The writer raises
 // `version` once per completed change; the exporter takes a version change as

@@ -8,7 +8,7 @@
 #include "HwFlowTracking/Config.h"
 #include "HwFlowTracking/Status.h"
 #include "Ipfix/CollectorStats.h"
-#include "Ipfix/FlowTrackerInfoSm.h"
+#include "Ipfix/FlowTrackingTypes.h"
 #include "Ipfix/OptionsData.h"
 #include "Ipfix/OptionsDataExporterSm.h"
 #include "Ipfix/OptionsDataSourceFlowKeySm.h"

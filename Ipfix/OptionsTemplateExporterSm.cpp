@@ -85,7 +85,6 @@ void OptionsTemplateExporterSm::handleTemplateCreationTask() {
    }
    KEL_TRACE(traceIpfix, 4, "OptionsTemplateExporterSm::handleTemplateCreationTask for {} for {}",
              ftName(), expName());
-   templateLenDelAll();
    const Kel::U32 length = getTemplateLength();
    if (length == 0) {
       templateReadyIs(false);
@@ -96,7 +95,6 @@ void OptionsTemplateExporterSm::handleTemplateCreationTask() {
    Kel::U32 offset = 0;
    for (const auto& [name, t] : optTemplateConfig_->templateEntry()) {
       const Kel::U32 entryLength = getTemplateEntryLength(*t);
-      templateLenIs(t->templateId(), entryLength);
       KEL_TRACE(traceIpfix, 3, "template {}, length: {}, offset: {}", t->templateId(), entryLength,
                 offset);
       Nivel::TemplateHeader header(pkt, offset);

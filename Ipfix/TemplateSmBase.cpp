@@ -78,22 +78,7 @@ TemplateExporterSmBase::TemplateExporterSmBase(
 
 TemplateExporterSmBase::~TemplateExporterSmBase() = default;
 
-Kel::String TemplateExporterSmBase::taskPrefix() const {
-   KEL_ASSERT_TEXT(false, "(!(\"taskPrefix\"))");
-   return {};
-}
-
-Kel::U16 TemplateExporterSmBase::headerSetId() const {
-   KEL_ASSERT_TEXT(false, "(!(\"headerSetId\"))");
-   return 0;
-}
-
 void TemplateExporterSmBase::updateCollectorOnTx(const Kel::String&) {}
-
-Kel::U32 TemplateExporterSmBase::exportTimeU32(const Kel::String& collector) const {
-   const auto it = exportTimeU32_.find(collector);
-   return it == exportTimeU32_.end() ? 0 : it->second;
-}
 
 void TemplateExporterSmBase::traceEntry(std::string_view className,
                                         std::string_view handler) const {
@@ -110,7 +95,6 @@ std::unique_ptr<Bexa::Task> TemplateExporterSmBase::newTask(const Kel::String& r
 void TemplateExporterSmBase::handleStartup() {
    traceEntry(baseClassName, "handleStartup");
    templateReady_ = false;
-   templateTxCount_ = 0;
    periodicTemplateTxTask_ = newTask("PeriodicTxTask", [this] { handlePeriodicTemplateTx(); });
    // Collectors configured before this machine existed are served like ones
    // added later, once there is a template to send.
@@ -185,9 +169,7 @@ void TemplateExporterSmBase::addIpfixHeaders_() {
 
 void TemplateExporterSmBase::updateMsgHeader_(const Kel::String& collector) {
    Nivel::MessageHeader msg(templatePkt_, 0);
-   const Kel::U32 now = utcSeconds();
-   msg.exportTimeIs(now);
-   exportTimeU32_[collector] = now;
+   msg.exportTimeIs(utcSeconds());
    // Template messages carry the collector's current number without moving it.
    const auto info = expInfo_->collInfo(collector);
    msg.seqNoIs(info ? info->ipfixMsgSeqNo().value() : 0);
@@ -200,7 +182,7 @@ void TemplateExporterSmBase::maybeTxTemplate_() {
    }
 }
 
-void TemplateExporterSmBase::afterFamilyRound_(bool& sending, bool otherSending) {
+void TemplateExporterSmBase::afterFamilyRound_(bool sending, bool otherSending) {
    if (sending) {
       schedulePeriodicTemplateTx_();
    } else if (!otherSending) {
@@ -239,7 +221,6 @@ void TemplateExporterSmBase::doTxTemplate4_(const Nivel::IpAndPort& dst,
    const auto& pam = expInfo_->udpPam4();
    sendPkt4(templatePkt_, pam, hwExpConfig_->srcIpAddr(), dst, hwExpConfig_->dscp());
    updateStats(Vorpa::Ipfix::CollectorInfo::fromIpAndPort(dst));
-   ++templateTxCount_;
    expInfo_->rxPort4Is(pam->rxPort());
    updateCollectorOnTx(collector);
    KEL_TRACE(traceIpfix, 3, "Template sent to {}, dst ip: {}, dst port: {}, src: {}, tos : {}",
@@ -252,7 +233,6 @@ void TemplateExporterSmBase::doTxTemplate6_(const Nivel::Ip6AndPort& dst,
    const auto& pam = expInfo_->udpPam6();
    sendPkt6(templatePkt_, pam, hwExpConfig_->srcIp6Addr(), dst, hwExpConfig_->dscp());
    updateStats(Vorpa::Ipfix::CollectorInfo::fromIp6AndPort(dst));
-   ++templateTxCount_;
    expInfo_->rxPort6Is(pam->rxPort());
    updateCollectorOnTx(collector);
    KEL_TRACE(traceIpfix, 3, "Template sent to {}, dst ip: {}, dst port: {}, src: {}, tos : {}",

@@ -8,7 +8,7 @@
 #include "HwFlowTracking/Config.h"
 #include "HwFlowTracking/Status.h"
 #include "Ipfix/CollectorStats.h"
-#include "Ipfix/FlowTrackerInfoSm.h"
+#include "Ipfix/FlowTrackingTypes.h"
 #include "Nivel/Pkt.h"
 
 namespace FlowTracking {
@@ -48,15 +48,12 @@ class TemplateExporterSmBase : public Kel::PtrInterface {
    Kel::U16 templatePktMsgLen() const { return templatePktMsgLen_; }
    Kel::U16 templatePktTemplateCount() const { return templatePktTemplateCount_; }
    bool templateReady() const { return templateReady_; }
-   const std::map<TemplateId, Kel::U32>& templateLen() const { return templateLen_; }
-   // Export time last written for a collector; 0 when none.
-   Kel::U32 exportTimeU32(const Kel::String& collector) const;
-   Kel::U32 templateTxCount() const { return templateTxCount_; }
    const Bexa::Task* periodicTemplateTxTask() const { return periodicTemplateTxTask_.get(); }
 
-   // What the derived class is; the base's own must never be called.
-   virtual Kel::String taskPrefix() const;
-   virtual Kel::U16 headerSetId() const;
+   // What the derived class is: the prefix of its tasks' names and the set id
+   // of its template set.
+   virtual Kel::String taskPrefix() const = 0;
+   virtual Kel::U16 headerSetId() const = 0;
    // Called after each send to `collector`.
    virtual void updateCollectorOnTx(const Kel::String& collector);
 
@@ -91,10 +88,6 @@ class TemplateExporterSmBase : public Kel::PtrInterface {
    // No message to send: stops the periodic resend.
    void templateReadyIs(bool ready);
 
-   void templateLenIs(TemplateId id, Kel::U32 len) { templateLen_[id] = len; }
-   void templateLenDel(TemplateId id) { templateLen_.erase(id); }
-   void templateLenDelAll() { templateLen_.clear(); }
-
  private:
    class HwExpConfigReactor;
    class ExpInfoReactor;
@@ -106,7 +99,9 @@ class TemplateExporterSmBase : public Kel::PtrInterface {
    void maybeTxTemplate6_();
    void doTxTemplate4_(const Nivel::IpAndPort& dst, const Kel::String& collector);
    void doTxTemplate6_(const Nivel::Ip6AndPort& dst, const Kel::String& collector);
-   void afterFamilyRound_(bool& sending, bool otherSending);
+   // After a send round of one family: keeps the periodic resend going while
+   // this family sends, and stops it once neither does.
+   void afterFamilyRound_(bool sending, bool otherSending);
    void schedulePeriodicTemplateTx_();
    void stopPeriodicTemplateTx_();
    void updateStats(const Vorpa::Ipfix::CollectorInfo& collector);
@@ -125,10 +120,11 @@ class TemplateExporterSmBase : public Kel::PtrInterface {
    Kel::Ptr<Nivel::Pkt> templatePkt_;
    Kel::U16 templatePktMsgLen_ = 0;
    Kel::U16 templatePktTemplateCount_ = 0;
-   std::map<TemplateId, Kel::U32> templateLen_;
    bool templateReady_ = false;
-   std::map<Kel::String, Kel::U32> exportTimeU32_;
-   Kel::U32 templateTxCount_ = 0;
+   // The last round of a family reached at least one collector. A collector
+   // added while its family sends gets the message alone; one added while it
+   // does not starts a whole round. The periodic task lives while either is
+   // true.
    bool sending4_ = false;
    bool sending6_ = false;
    std::unique_ptr<Bexa::Task> periodicTemplateTxTask_;

@@ -81,7 +81,7 @@ struct Setup {
    Kel::Ptr<HwFlowTracking::ExporterConfig> config =
        Kel::makeActive<HwFlowTracking::ExporterConfig>("e1");
    Kel::Ptr<FlowTracking::ExporterInfo> expInfo = Kel::makeActive<FlowTracking::ExporterInfo>("e1");
-   Kel::Ptr<Nivel::UdpPam> pam = Nivel::UdpPam::UdpPamIs("udpPam4-bench");
+   Kel::Ptr<Nivel::UdpPam> pam = Nivel::UdpPam::create("udpPam4-bench");
    Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> stats =
        Kel::makeActive<Vorpa::Ipfix::CollectorStatistics>(
            "bench", Vorpa::Ipfix::CollectorStatisticsTable::createAnonymous("bench", 256));

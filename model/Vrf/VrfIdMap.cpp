@@ -29,7 +29,6 @@ std::optional<Kel::String> Status::vrfIdToName(VrfId id) const {
       case Vorpa::ReadStatus::notFound:
          return std::nullopt;
       default:
-         ++corruptReads_;
          KEL_TRACE(traceVrf, 1, "VRF id map entry {} is unreadable", id);
          return std::nullopt;
    }
@@ -40,7 +39,6 @@ std::map<VrfId, Kel::String> Status::vrfIdToName() const {
    const Vorpa::ScanResult scan =
        reader_.forEach([&](VrfId id, const VrfName& name) { all.emplace(id, name.string()); });
    if (scan.corrupt + scan.busy > 0) {
-      corruptReads_ += scan.corrupt + scan.busy;
       KEL_TRACE(traceVrf, 1, "VRF id map: {} corrupt and {} busy entries skipped", scan.corrupt,
                 scan.busy);
    }

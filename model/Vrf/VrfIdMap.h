@@ -59,9 +59,6 @@ class Status : public Kel::Entity {
    std::optional<Kel::String> vrfIdToName(VrfId id) const;
    // Every VRF, by id.
    std::map<VrfId, Kel::String> vrfIdToName() const;
-   Kel::U32 vrfIdToNameCount() const { return reader_.size(); }
-   // Entries found corrupt while reading.
-   Kel::U64 corruptReads() const { return corruptReads_; }
 
    // Reads the writer's changes since the last call and announces them.
    void sync();
@@ -69,7 +66,6 @@ class Status : public Kel::Entity {
  private:
    Reader reader_;
    Kel::U64 cursor_;
-   mutable Kel::U64 corruptReads_ = 0;
 };
 
 Kel::Ptr<Status> statusFactory(Reader reader);

@@ -5,6 +5,8 @@
 
 #include <algorithm>
 
+#include "Kel/System.h"
+
 namespace Kel {
 
 namespace {
@@ -38,16 +40,17 @@ std::vector<LogSink*>& sinkList() {
 
 LogHandle::LogHandle(std::string_view facility, std::string_view mnemonic, int severity,
                      std::string_view format, std::string_view explanation,
-                     std::string_view recommendedAction, int param1, double param2, int flag)
+                     std::string_view recommendedAction, int burst, double intervalSeconds,
+                     int rateLimited)
     : facility_(facility),
       mnemonic_(mnemonic),
       severity_(severity),
       format_(format),
       explanation_(explanation),
       recommendedAction_(recommendedAction),
-      param1_(param1),
-      param2_(param2),
-      flag_(flag) {}
+      burst_(burst),
+      intervalSeconds_(intervalSeconds),
+      rateLimited_(rateLimited != 0) {}
 
 String LogHandle::text(std::initializer_list<std::string_view> args) const {
    String out;
@@ -66,6 +69,17 @@ String LogHandle::text(std::initializer_list<std::string_view> args) const {
 }
 
 void LogHandle::log(std::initializer_list<std::string_view> args) const {
+   if (rateLimited_) {
+      const Seconds now = System::currentTime();
+      if (now - intervalStart_ >= intervalSeconds_) {
+         intervalStart_ = now;
+         sentInInterval_ = 0;
+      }
+      if (sentInInterval_ >= burst_) {
+         return;
+      }
+      ++sentInInterval_;
+   }
    const String line = fmt::format("%{}-{}-{}: {}", facility_, severity_, mnemonic_, text(args));
    const LogRecord record{facility_, mnemonic_, severity_, line};
    for (LogSink* sink : sinkList()) {

@@ -26,25 +26,23 @@ class LogSink {
 
 // An operator message: an identity (facility and mnemonic), a syslog severity,
 // a printf-like format whose "%s" are replaced in order, and the explanation and
-// recommended action that documentation shows. The two numeric parameters and
-// the flag are the rate-limit interval, the burst and whether the message is
-// rate limited, carried as the message's owner gives them.
+// recommended action that documentation shows. A rate-limited message goes out
+// at most `burst` times every `intervalSeconds` of the monotonic clock; the
+// others are dropped.
 class LogHandle {
  public:
    static constexpr std::string_view noActionRequired = "No action is required.";
 
    LogHandle(std::string_view facility, std::string_view mnemonic, int severity,
              std::string_view format, std::string_view explanation,
-             std::string_view recommendedAction, int param1 = 0, double param2 = 1.0, int flag = 0);
+             std::string_view recommendedAction, int burst = 0, double intervalSeconds = 1.0,
+             int rateLimited = 0);
 
    Name id() const { return fmt::format("{}_{}", facility_, mnemonic_); }
    std::string_view format() const { return format_; }
    std::string_view explanation() const { return explanation_; }
    std::string_view recommendedAction() const { return recommendedAction_; }
    int severity() const { return severity_; }
-   int param1() const { return param1_; }
-   double param2() const { return param2_; }
-   int flag() const { return flag_; }
 
    // The message text with each "%s" replaced by the next argument.
    String text(std::initializer_list<std::string_view> args) const;
@@ -57,9 +55,12 @@ class LogHandle {
    std::string_view format_;
    std::string_view explanation_;
    std::string_view recommendedAction_;
-   int param1_;
-   double param2_;
-   int flag_;
+   int burst_;
+   double intervalSeconds_;
+   bool rateLimited_;
+   // The current rate-limit interval and the messages sent in it.
+   mutable Seconds intervalStart_ = 0;
+   mutable int sentInInterval_ = 0;
 };
 
 class Log {

@@ -101,16 +101,6 @@ Ptr<T> makePtr(Args&&... args) {
    return Ptr<T>(new T(std::forward<Args>(args)...));
 }
 
-template <class T, class U>
-Ptr<T> ptrCast(const Ptr<U>& p) noexcept {
-   return Ptr<T>(static_cast<T*>(p.ptr()));
-}
-
-template <class T, class U>
-Ptr<T> ptrDynamicCast(const Ptr<U>& p) noexcept {
-   return Ptr<T>(dynamic_cast<T*>(p.ptr()));
-}
-
 }  // namespace Kel
 
 template <class T>

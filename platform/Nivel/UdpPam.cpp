@@ -32,7 +32,7 @@ void UdpPam::faultsIs(Faults f) {
    faults() = std::move(f);
 }
 
-Kel::Ptr<UdpPam> UdpPam::UdpPamIs(const Kel::Name& name) {
+Kel::Ptr<UdpPam> UdpPam::create(const Kel::Name& name) {
    return Kel::makePtr<UdpPam>(name);
 }
 

@@ -27,7 +27,8 @@ class UdpPam : public Kel::PtrInterface {
    };
    static void faultsIs(Faults faults);
 
-   static Kel::Ptr<UdpPam> UdpPamIs(const Kel::Name& name);
+   // A new, closed socket named `name`.
+   static Kel::Ptr<UdpPam> create(const Kel::Name& name);
 
    explicit UdpPam(Kel::Name name);
    ~UdpPam() override;

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "Ipfix/FlowTrackerInfoSm.h"
 #include "Ipfix/FlowTrackingTypes.h"
 #include "Ipfix/Ipfix.h"
 #include "Ipfix/IpfixSm.h"

@@ -60,7 +60,7 @@ Kel::Ptr<Nivel::Pkt> payload(const char* text) {
 // exporters' send path; here, an unspecified source and closing.
 TEST(UdpPam, UnspecifiedSourceIsTheKernelsChoiceAndClosingReleasesThePort) {
    TestSupport::UdpReceiver receiver(false);
-   auto pam = Nivel::UdpPam::UdpPamIs("udpPam4-t-e");
+   auto pam = Nivel::UdpPam::create("udpPam4-t-e");
    pam->txPrioIs(2);
    pam->modeIs(1);
    ASSERT_GE(pam->fd(), 0);
@@ -88,7 +88,7 @@ TEST(UdpPam, UnspecifiedSourceIsTheKernelsChoiceAndClosingReleasesThePort) {
 
 TEST(UdpPam, FailuresAreCountedNotThrown) {
    TestSupport::UdpReceiver receiver(false);
-   auto pam = Nivel::UdpPam::UdpPamIs("udpPam4-x");
+   auto pam = Nivel::UdpPam::create("udpPam4-x");
    pam->txDstIpAddrIs(receiver.ipAndPort().ip);
    pam->txPortIs(receiver.port());
    EXPECT_FALSE(pam->tx(*payload("closed")));
@@ -111,7 +111,7 @@ TEST(UdpPam, FailuresAreCountedNotThrown) {
 
 TEST(UdpPam, OpenFailureThrowsAndLeavesItClosed) {
    Nivel::UdpPam::faultsIs({.open = [](const Nivel::UdpPam&) { return EMFILE; }, .tx = {}});
-   auto pam = Nivel::UdpPam::UdpPamIs("udpPam4-fail");
+   auto pam = Nivel::UdpPam::create("udpPam4-fail");
    try {
       pam->modeIs(1);
       ADD_FAILURE() << "open did not fail";
@@ -131,7 +131,7 @@ class UdpPamBatch : public ::testing::Test {
  protected:
    UdpPamBatch() {
       for (int i = 0; i < 2; ++i) {
-         pam_[i] = Nivel::UdpPam::UdpPamIs(fmt::format("udpPam4-batch{}", i));
+         pam_[i] = Nivel::UdpPam::create(fmt::format("udpPam4-batch{}", i));
          pam_[i]->modeIs(1);
          pam_[i]->txDstIpAddrIs(rx_[i].ipAndPort().ip);
          pam_[i]->txPortIs(rx_[i].port());
