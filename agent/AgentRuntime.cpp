@@ -31,8 +31,8 @@ void printErrors(const ConfigErrors& errors) {
 AgentRuntime::AgentRuntime(Options options) : options_(std::move(options)) {}
 
 AgentRuntime::~AgentRuntime() {
+   signalWatch_ = {};
    if (signalFd_ >= 0) {
-      scheduler_->fdWatchDel(signalFd_);
       ::close(signalFd_);
    }
 }
@@ -76,7 +76,7 @@ bool AgentRuntime::start() {
    }
    signalTask_ = std::make_unique<Bexa::Task>(scheduler_, "AgentSignal", signalTaskPriority,
                                               [this] { handleSignal(); });
-   scheduler_->fdWatchIs(signalFd_, signalTask_.get());
+   signalWatch_ = scheduler_->fdWatchIs(signalFd_, signalTask_.get());
    KEL_TRACE(traceAgent, 3, "Started with {} on table {}", options_.configPath,
              config->statisticsTable);
    return true;

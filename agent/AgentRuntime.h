@@ -77,6 +77,7 @@ class AgentRuntime {
    std::map<FlowTracking::FlowTrackingType, TypeLibrary> libraries_;
    int signalFd_ = -1;
    std::unique_ptr<Bexa::Task> signalTask_;
+   Bexa::FdWatch signalWatch_;
    // Last, so that it goes first: its requests use everything above.
    std::unique_ptr<ControlChannel> control_;
 };

@@ -97,13 +97,12 @@ ControlChannel::ControlChannel(Kel::Ptr<Bexa::TaskSchedulerRoot> scheduler,
    fd.release();
    task_ = std::make_unique<Bexa::Task>(scheduler_, "AgentControl", controlTaskPriority,
                                         [this] { handleReadable(); });
-   scheduler_->fdWatchIs(fd_, task_.get());
+   watch_ = scheduler_->fdWatchIs(fd_, task_.get());
    KEL_TRACE(traceAgent, 3, "Control socket {}", path());
 }
 
 ControlChannel::~ControlChannel() {
-   scheduler_->fdWatchDel(fd_);
-   task_.reset();
+   watch_ = {};
    ::close(fd_);
    struct stat st {};
    if (::stat(path().c_str(), &st) == 0 && st.st_dev == fileDevice_ && st.st_ino == fileInode_) {

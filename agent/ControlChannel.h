@@ -64,6 +64,7 @@ class ControlChannel {
    dev_t fileDevice_ = 0;
    ino_t fileInode_ = 0;
    std::unique_ptr<Bexa::Task> task_;
+   Bexa::FdWatch watch_;
 };
 
 }  // namespace Agent

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
+#include <utility>
 
 #include "Kel/Exception.h"
 #include "Kel/System.h"
@@ -235,7 +236,7 @@ void TaskSchedulerRoot::waitUntil(std::optional<Kel::Seconds> deadline) {
 bool TaskSchedulerRoot::pollDescriptors(int timeoutMs) {
    std::vector<pollfd> fds;
    fds.reserve(fdWatches_.size());
-   for (const FdWatch& w : fdWatches_) {
+   for (const Watched& w : fdWatches_) {
       fds.push_back(pollfd{w.fd, POLLIN, 0});
    }
    const int n = ::poll(fds.data(), fds.size(), timeoutMs);
@@ -253,14 +254,39 @@ bool TaskSchedulerRoot::pollDescriptors(int timeoutMs) {
    return n > 0;
 }
 
-void TaskSchedulerRoot::fdWatchIs(int fd, Task* task) {
+FdWatch TaskSchedulerRoot::fdWatchIs(int fd, Task* task) {
    KEL_ASSERT(task);
-   fdWatchDel(fd);
-   fdWatches_.push_back(FdWatch{fd, task});
+   fdWatches_.push_back(Watched{++lastWatchId_, fd, task});
+   return FdWatch(Kel::Ptr<TaskSchedulerRoot>(this), lastWatchId_);
 }
 
-void TaskSchedulerRoot::fdWatchDel(int fd) {
-   std::erase_if(fdWatches_, [fd](const FdWatch& w) { return w.fd == fd; });
+void TaskSchedulerRoot::fdWatchDel(Kel::U64 id) noexcept {
+   std::erase_if(fdWatches_, [id](const Watched& w) { return w.id == id; });
+}
+
+FdWatch::FdWatch(Kel::Ptr<TaskSchedulerRoot> root, Kel::U64 id) : root_(std::move(root)), id_(id) {}
+
+FdWatch::FdWatch(FdWatch&& other) noexcept
+    : root_(std::move(other.root_)), id_(std::exchange(other.id_, 0)) {}
+
+FdWatch& FdWatch::operator=(FdWatch&& other) noexcept {
+   if (this != &other) {
+      end();
+      root_ = std::move(other.root_);
+      id_ = std::exchange(other.id_, 0);
+   }
+   return *this;
+}
+
+FdWatch::~FdWatch() {
+   end();
+}
+
+void FdWatch::end() noexcept {
+   if (root_) {
+      root_->fdWatchDel(id_);
+      root_ = nullptr;
+   }
 }
 
 }  // namespace Bexa

@@ -68,6 +68,29 @@ class TaskScheduler : public Kel::PtrInterface {
    Kel::U64 taskExceptions_ = 0;
 };
 
+class TaskSchedulerRoot;
+
+// A descriptor the loop watches for a task: while the watch lives, the loop
+// schedules the task whenever the descriptor is readable. Move-only; destroying
+// it ends the watch. Declare it after the task it names, so that it goes first.
+class [[nodiscard]] FdWatch {
+ public:
+   FdWatch() = default;
+   FdWatch(FdWatch&& other) noexcept;
+   FdWatch& operator=(FdWatch&& other) noexcept;
+   ~FdWatch();
+   FdWatch(const FdWatch&) = delete;
+   FdWatch& operator=(const FdWatch&) = delete;
+
+ private:
+   friend class TaskSchedulerRoot;
+   FdWatch(Kel::Ptr<TaskSchedulerRoot> root, Kel::U64 id);
+   void end() noexcept;
+
+   Kel::Ptr<TaskSchedulerRoot> root_;
+   Kel::U64 id_ = 0;
+};
+
 // The scheduler that owns the thread's loop: runs tasks, advances virtual time
 // or waits for real time, and wakes tasks when watched file descriptors become
 // readable.
@@ -84,9 +107,9 @@ class TaskSchedulerRoot : public TaskScheduler {
    // Makes run() and runFor() return after the current task.
    void stop() noexcept { stopping_ = true; }
 
-   // Schedules `task` whenever `fd` is readable; one task per descriptor.
-   void fdWatchIs(int fd, Task* task);
-   void fdWatchDel(int fd);
+   // Schedules `task` whenever `fd` is readable, for as long as the returned
+   // watch lives.
+   FdWatch fdWatchIs(int fd, Task* task);
 
  private:
    // Waits until `deadline` (or forever for nullopt), a watched descriptor is
@@ -94,11 +117,16 @@ class TaskSchedulerRoot : public TaskScheduler {
    void waitUntil(std::optional<Kel::Seconds> deadline);
    bool pollDescriptors(int timeoutMs);
 
-   struct FdWatch {
+   friend class FdWatch;
+   void fdWatchDel(Kel::U64 id) noexcept;
+
+   struct Watched {
+      Kel::U64 id;
       int fd;
       Task* task;
    };
-   std::vector<FdWatch> fdWatches_;
+   std::vector<Watched> fdWatches_;
+   Kel::U64 lastWatchId_ = 0;
    bool stopping_ = false;
 };
 

@@ -225,13 +225,17 @@ TEST_F(TaskSchedulerTest, ReadableDescriptorSchedulesItsTask) {
       reads += static_cast<int>(read(fds[0], &c, 1));
       sched_->stop();
    });
-   sched_->fdWatchIs(fds[0], reader.get());
+   auto watch = sched_->fdWatchIs(fds[0], reader.get());
    sched_->runFor(1.0);
    EXPECT_EQ(reads, 0);
    ASSERT_EQ(write(fds[1], "x", 1), 1);
    sched_->run();
    EXPECT_EQ(reads, 1);
-   sched_->fdWatchDel(fds[0]);
+   // Once the watch is gone, virtual time with nothing left ends run().
+   watch = {};
+   ASSERT_EQ(write(fds[1], "y", 1), 1);
+   sched_->run();
+   EXPECT_EQ(reads, 1);
    close(fds[0]);
    close(fds[1]);
 }
