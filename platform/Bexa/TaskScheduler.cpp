@@ -161,6 +161,8 @@ void TaskScheduler::runTask(Task& task, Kel::Seconds now) {
    current_ = &task;
    turnStart_ = now;
    ++tasksRun_;
+   // Level 5: what ran and when, for reading a trace of the loop.
+   KEL_TRACE(traceBexa, 5, "Running task {} at {:.6f}", task.name(), now);
    try {
       // The action may destroy its own task: copy nothing out of it afterwards.
       task.action_();
