@@ -1,5 +1,8 @@
 #include "Ipfix/TemplateSmBase.h"
 
+#include <cstdio>
+#include <cstdlib>
+
 #include "Ipfix/CollectorStatsUpdate.h"
 #include "Ipfix/FlowTrackerPktTxUtil.h"
 #include "Kel/Exception.h"
@@ -76,7 +79,13 @@ TemplateExporterSmBase::TemplateExporterSmBase(
    KEL_ASSERT(hwExpConfig_ && expInfo_ && collStats_ && scheduler_);
 }
 
-TemplateExporterSmBase::~TemplateExporterSmBase() = default;
+TemplateExporterSmBase::~TemplateExporterSmBase() {
+   if (!deleted_) {
+      std::fprintf(stderr, "TemplateExporterSmBase for %s for %s destroyed without handleDel()\n",
+                   ftName_.c_str(), expName_.c_str());
+      std::abort();
+   }
+}
 
 void TemplateExporterSmBase::updateCollectorOnTx(const Kel::String&) {}
 
@@ -110,6 +119,7 @@ void TemplateExporterSmBase::handleStartup() {
 
 void TemplateExporterSmBase::handleDel() {
    traceEntry(baseClassName, "handleDel");
+   deleted_ = true;
    hwExpConfigReactor_.reset();
    expInfoReactor_.reset();
    stopPeriodicTemplateTx_();

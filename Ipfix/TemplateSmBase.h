@@ -21,6 +21,11 @@ using HwFlowTracking::TemplateId;
 // around it and sends it to every IPv4 and IPv6 collector of the exporter,
 // when the template changes, at once to a collector that is added, and every
 // templateInterval, with statistics and the exporter's local ports recorded.
+//
+// Teardown: whoever removes an exporter calls handleDel() before dropping it,
+// so that its collectors' statistics go with the exporter, not whenever its
+// last reference happens to go. Destroying one without handleDel() is a bug,
+// and the destructor ends the process on it rather than leave stale entries.
 class TemplateExporterSmBase : public Kel::PtrInterface {
  public:
    ~TemplateExporterSmBase() override;
@@ -62,7 +67,7 @@ class TemplateExporterSmBase : public Kel::PtrInterface {
    void handleTemplateInterval();
    void handlePeriodicTemplateTx();
    // Removes the statistics of every collector served and the exporter's
-   // clear time; run before deletion.
+   // clear time; run before deletion (see above).
    void handleDel();
 
  protected:
@@ -127,6 +132,7 @@ class TemplateExporterSmBase : public Kel::PtrInterface {
    // true.
    bool sending4_ = false;
    bool sending6_ = false;
+   bool deleted_ = false;
    std::unique_ptr<Bexa::Task> periodicTemplateTxTask_;
    std::unique_ptr<HwExpConfigReactor> hwExpConfigReactor_;
    std::unique_ptr<ExpInfoReactor> expInfoReactor_;

@@ -259,6 +259,19 @@ INSTANTIATE_TEST_SUITE_P(Intervals, TemplatePeriodTest,
                          ::testing::Values(Period{20000, 19.9, 20.0}, Period{1500, 0.9, 1.0}),
                          [](const auto& p) { return std::to_string(p.param.intervalMs) + "ms"; });
 
+// Removing an exporter without its teardown would leave its statistics
+// behind: a bug the destructor does not let pass.
+TEST_F(TemplateExportTest, ExporterDestroyedWithoutTeardownEndsTheProcess) {
+   start();
+   const auto make = [&] {
+      return Kel::makePtr<FlowTracking::FtExporterSm>("t1", "e1", 7, exp_, exporterInfo("t1", "e1"),
+                                                      stats_, sched_, hwStatus_->hwFtStatus("t1"),
+                                                      init_->elementIdCollection());
+   };
+   make()->handleDel();
+   EXPECT_DEATH(make(), "FtExporterSm|destroyed without handleDel");
+}
+
 TEST_F(TemplateExportTest, RemovedExporterAndCollectorStopSending) {
    startTemplates();
    sched_->runFor(0);
