@@ -12,20 +12,6 @@ namespace {
 
 Kel::TraceHandle traceIpfix("Ipfix");
 
-struct ReservedIntf {
-   const char* name;
-   Kel::U32 index;
-};
-
-// Indexes the hardware puts in flow records for traffic that has no
-// interface of its own.
-constexpr std::array<ReservedIntf, 4> reservedIntfs = {{
-    {"multicast", 0x80000000},
-    {"discard", 0x40000000},
-    {"CPU", 0x3FFFFFFF},
-    {"unknown", 0},
-}};
-
 static_assert(reservedIntfs.size() == IntfIndexMap::numReservedIntfs());
 
 }  // namespace

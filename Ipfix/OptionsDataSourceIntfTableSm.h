@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <map>
 #include <memory>
 
@@ -7,6 +8,21 @@
 #include "Ipfix/OptionsData.h"
 
 namespace FlowTracking {
+
+struct ReservedIntf {
+   const char* name;
+   Kel::U32 index;
+};
+
+// Indexes the hardware puts in flow records for traffic that has no interface
+// of its own; the interface table always names them, so no interface may take
+// one.
+inline constexpr std::array<ReservedIntf, 4> reservedIntfs = {{
+    {"multicast", 0x80000000},
+    {"discard", 0x40000000},
+    {"CPU", 0x3FFFFFFF},
+    {"unknown", 0},
+}};
 
 // The global data source that names the interface indexes of flow records:
 // one record (index, name) per interface of the interface index map, plus the

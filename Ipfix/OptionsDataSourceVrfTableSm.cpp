@@ -12,9 +12,6 @@ namespace {
 
 Kel::TraceHandle traceIpfix("Ipfix");
 
-// The VRF id flow records carry when the hardware knows no VRF.
-constexpr Vrf::VrfIdMap::VrfId reservedVrfId = 0xFFFFFF;
-
 }  // namespace
 
 class VrfTableSm::VrfIdMapReactor : public Vrf::VrfIdMap::Status::Notifiee {

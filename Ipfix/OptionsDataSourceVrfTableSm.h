@@ -8,6 +8,10 @@
 
 namespace FlowTracking {
 
+// The VRF id flow records carry when the hardware knows no VRF; the VRF table
+// always has it, unnamed, so no VRF may take it.
+inline constexpr Vrf::VrfIdMap::VrfId reservedVrfId = 0xFFFFFF;
+
 // The global data source that names the VRF ids of flow records: one record
 // (id, name) per VRF of the shared-memory VRF id map, plus the reserved id
 // with an empty name.

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <array>
-
 #include "FlowTracking/Constants.h"
 #include "Kel/Types.h"
 
@@ -53,19 +51,5 @@ constexpr Kel::U32 maxDataTemplateId() {
 // template record of this many fields (8 octets each at most) still fits in a
 // message of a jumbo-frame MTU.
 inline constexpr Kel::U32 maxFieldsPerFlowGroup = 1024;
-
-// Rows the interface and VRF tables always carry; a configured entry must not
-// take their index or id.
-struct ReservedRow {
-   Kel::U32 index;
-   const char* name;
-};
-inline constexpr std::array<ReservedRow, 4> reservedInterfaceIndexes{{
-    {0, "unknown"},
-    {0x3FFFFFFF, "CPU"},
-    {0x40000000, "discard"},
-    {0x80000000, "multicast"},
-}};
-inline constexpr Kel::U32 reservedVrfId = 0xFFFFFF;
 
 }  // namespace Agent::Limits

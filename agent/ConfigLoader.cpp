@@ -11,6 +11,8 @@
 
 #include "ConfigLimits.h"
 #include "Ipfix/FlowTrackerTemplateSm.h"
+#include "Ipfix/OptionsDataSourceIntfTableSm.h"
+#include "Ipfix/OptionsDataSourceVrfTableSm.h"
 #include "Kel/Trace.h"
 #include "SourceAddress.h"
 #include "StatisticsSizing.h"
@@ -445,7 +447,7 @@ class Loader {
       if (!index) {
          return std::nullopt;
       }
-      for (const auto& row : Limits::reservedInterfaceIndexes) {
+      for (const auto& row : FlowTracking::reservedIntfs) {
          if (row.index == *index) {
             r_.error(v, fmt::format("interface index {} is reserved for the interface table's "
                                     "\"{}\" row",
@@ -467,7 +469,7 @@ class Loader {
          Kel::U32 id = 0;
          if (const auto idValue = m->require("id")) {
             if (setIfRead(id, r_.integer(*idValue, 0, Kel::maxU32(), "a VRF id"))) {
-               if (id == Limits::reservedVrfId) {
+               if (id == FlowTracking::reservedVrfId) {
                   r_.error(*idValue, fmt::format("VRF id {} is reserved for the VRF table's "
                                                  "unnamed row",
                                                  id));
