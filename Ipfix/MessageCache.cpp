@@ -12,6 +12,22 @@ MessageCache::MessageCache(const OptionsDataContainer& container, Kel::U16 maxSi
    }
 }
 
+void MessageCache::dropStale(const OptionsDataContainer& container, Kel::U16 maxSize) {
+   std::size_t current = 0;
+   for (const OptionsDataScope scope : scopeOrder) {
+      const auto coll = container.data(scope);
+      if (!coll) {
+         continue;
+      }
+      if (current == run_.size() || run_[current]->maxSize() != maxSize ||
+          !run_[current]->current(*coll)) {
+         break;
+      }
+      ++current;
+   }
+   run_.resize(current);
+}
+
 std::size_t MessageCache::count() const {
    std::size_t n = 0;
    for (const auto& run : run_) {

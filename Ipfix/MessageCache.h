@@ -24,6 +24,13 @@ class MessageCache {
    // building those that are missing or out of date.
    MessageCache(const OptionsDataContainer& container, Kel::U16 maxSize);
 
+   // Lets go at once of the runs that no longer hold `container`'s records at
+   // `maxSize`, and of the runs after them, which continue their messages:
+   // so a stale run is freed as soon as every exporter has seen the change,
+   // not at each one's next transmission, while the runs still current stay
+   // for the next cache to take.
+   void dropStale(const OptionsDataContainer& container, Kel::U16 maxSize);
+
    // Calls `send` with each message, in order, while it returns true. The
    // messages stay alive while it runs, whatever `send` does to this cache.
    template <class Send>

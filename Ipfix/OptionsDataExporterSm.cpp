@@ -474,6 +474,11 @@ void OptionsDataExporterSm::startBuilding() {
    builder_.startMsg();
 }
 
+void OptionsDataExporterSm::msgCacheInvalidate() {
+   msgCacheValid_ = false;
+   msgCache_.dropStale(*dataContainer_, maxMessageSize());
+}
+
 void OptionsDataExporterSm::maybeBuildMsgCache() {
    traceEntry("maybeBuildMsgCache");
    KEL_ASSERT(initialized());

@@ -132,7 +132,7 @@ class OptionsDataExporterSm : public Kel::Entity {
    void bindDataSources();
    void handleCollector(const Kel::String& name);
    void collInfoWatch(const Kel::String& name);
-   void msgCacheInvalidate() { msgCacheValid_ = false; }
+   void msgCacheInvalidate();
    void sendDataTables();
    // A fresh message in a builder for the exporter's message size.
    void startBuilding();
