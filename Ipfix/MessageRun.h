@@ -29,7 +29,6 @@ class MessageRun : public Kel::PtrInterface {
    ~MessageRun() override;
 
    Kel::U16 maxSize() const { return maxSize_; }
-   const Kel::Ptr<const MessageRun>& before() const { return before_; }
    // The messages this run filled, in order.
    const std::vector<Kel::Ptr<MessageWrapper>>& messages() const { return messages_; }
    // The records left in the open message, which the next run starts from.
