@@ -8,6 +8,9 @@ void DataRecord::append(const Kel::U8* bytes, Kel::U32 len) {
    if (len == 0) {
       return;
    }
+   // Records are written whole and then never grow: no room is kept for
+   // more, which a table of tens of thousands of records would pay for.
+   data_.reserve(data_.size() + len);
    data_.append(reinterpret_cast<const char*>(bytes), len);
    notify(&Notifiee::onData);
 }

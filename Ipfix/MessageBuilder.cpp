@@ -12,9 +12,10 @@ using Nivel::IpfixConst;
 Message::Message(Kel::Ptr<Nivel::Pkt> pkt)
     : pktHolder_(std::move(pkt)), msgHdr_(Kel::makePtr<Nivel::MessageHeader>(pktHolder_, 0)) {}
 
-const Kel::Ptr<Nivel::Pkt>& Message::pkt(Kel::U32 seqNo) {
+const Kel::Ptr<Nivel::Pkt>& Message::pkt(Kel::U32 seqNo, Kel::U32 observationDomainId) {
    msgHdr_->exportTimeIs(static_cast<Kel::U32>(Kel::System::currentTimeUtcSeconds()));
    msgHdr_->seqNoIs(seqNo);
+   msgHdr_->observationDomainIdIs(observationDomainId);
    return pktHolder_;
 }
 

@@ -11,15 +11,18 @@ namespace FlowTracking {
 using HwFlowTracking::TemplateId;
 
 // A finished IPFIX message: one packet, trimmed to the message length, that
-// is built once and sent many times. Only the export time and the sequence
-// number change between sends, and they are rewritten in the shared packet.
+// is built once and sent many times, possibly for several trackers. Only the
+// export time, the sequence number and the observation domain change between
+// sends, and they are rewritten in the shared packet's header, which the send
+// path copies for each destination.
 class Message : public Kel::PtrInterface {
  public:
    explicit Message(Kel::Ptr<Nivel::Pkt> pkt);
 
-   // Stamps the current UTC time (whole seconds) and `seqNo` into the header
-   // and returns the packet for sending; no copy is made.
-   const Kel::Ptr<Nivel::Pkt>& pkt(Kel::U32 seqNo);
+   // Stamps the current UTC time (whole seconds), `seqNo` and
+   // `observationDomainId` into the header and returns the packet for
+   // sending; no copy is made.
+   const Kel::Ptr<Nivel::Pkt>& pkt(Kel::U32 seqNo, Kel::U32 observationDomainId);
    const Kel::Ptr<Nivel::MessageHeader>& msgHdr() const { return msgHdr_; }
    // Data records in the message, which is what the sequence number counts.
    Kel::U32 recordCount() const { return recordCount_; }

@@ -3,6 +3,7 @@
 #include <array>
 #include <utility>
 
+#include "Ipfix/MessageRun.h"
 #include "Kel/Exception.h"
 
 namespace FlowTracking {
@@ -62,6 +63,12 @@ void OptionsDataSource::dataRecordDelAll() {
       dataRecordDel(*dataRecord_.begin());
    }
 }
+
+OptionsDataSourceColl::OptionsDataSourceColl(OptionsDataScope scope)
+    : scope_(scope), messageRuns_(Kel::makePtr<MessageRunCache>()) {}
+
+// Out of line: the run cache is only declared in the header.
+OptionsDataSourceColl::~OptionsDataSourceColl() = default;
 
 Kel::Ptr<OptionsDataSource> OptionsDataSourceColl::sourceIs(const Kel::String& sourceName,
                                                             TemplateId dataSetId) {

@@ -20,6 +20,8 @@ namespace FlowTracking {
 
 using HwFlowTracking::TemplateId;
 
+class MessageRunCache;
+
 // Whether data is the same for all trackers of a flow-tracking type (interface
 // and VRF tables) or belongs to one tracker (flow keys, flow-tracker table).
 enum class OptionsDataScope : Kel::U8 {
@@ -70,7 +72,8 @@ class OptionsDataSource : public Kel::Entity {
    Kel::U32 version_ = 0;
 };
 
-// All data sources of one scope, by source name.
+// All data sources of one scope, by source name, and the messages their
+// records make for the exporters that read them, kept once for all of them.
 class OptionsDataSourceColl : public Kel::Entity {
  public:
    class Notifiee : public Kel::BaseNotifiee<OptionsDataSourceColl> {
@@ -78,9 +81,12 @@ class OptionsDataSourceColl : public Kel::Entity {
       virtual void onSource(const Kel::String&) {}
    };
 
-   explicit OptionsDataSourceColl(OptionsDataScope scope) : scope_(scope) {}
+   explicit OptionsDataSourceColl(OptionsDataScope scope);
+   ~OptionsDataSourceColl() override;
 
    OptionsDataScope scope() const { return scope_; }
+   // The encoded runs of these records in use, per message size.
+   const Kel::Ptr<MessageRunCache>& messageRuns() const { return messageRuns_; }
 
    const std::map<Kel::String, Kel::Ptr<OptionsDataSource>>& source() const { return source_; }
    Kel::Ptr<OptionsDataSource> source(const Kel::String& sourceName) const {
@@ -97,6 +103,7 @@ class OptionsDataSourceColl : public Kel::Entity {
  private:
    OptionsDataScope scope_;
    std::map<Kel::String, Kel::Ptr<OptionsDataSource>> source_;
+   const Kel::Ptr<MessageRunCache> messageRuns_;
 };
 
 // A single-slot mailbox announcing the latest record change of one scope. The

@@ -5,6 +5,7 @@
 #include "Ipfix/CollectorStatsUpdate.h"
 #include "Ipfix/MessageBuilder.h"
 #include "Ipfix/OptionsData.h"
+#include "Kel/Exception.h"
 
 namespace FlowTracking {
 
@@ -52,6 +53,11 @@ class BuilderWrapper {
    void startMsg();
    // Octets consumed, 0 when the record does not fit the current message.
    Kel::U32 addSetRecord(TemplateId setId, const DataRecordPtr& record);
+   // Adds the record; one that does not fit closes the message, hands it to
+   // `full` and goes into the next one. A record that does not fit an empty
+   // message is a bug the configuration checks rule out.
+   template <class Full>
+   void addRecord(TemplateId setId, const DataRecordPtr& record, Full&& full);
    bool hasRecords() const { return !msgWrap_->setRecord.empty(); }
    Kel::Ptr<MessageWrapper> finalizeMsg();
 
@@ -60,5 +66,16 @@ class BuilderWrapper {
    Kel::Ptr<MessageWrapper> msgWrap_;
    bool building_ = false;
 };
+
+template <class Full>
+void BuilderWrapper::addRecord(TemplateId setId, const DataRecordPtr& record, Full&& full) {
+   Kel::U32 consumed = addSetRecord(setId, record);
+   if (consumed == 0 && hasRecords()) {
+      full(finalizeMsg());
+      startMsg();
+      consumed = addSetRecord(setId, record);
+   }
+   KEL_ASSERT(consumed > 0);
+}
 
 }  // namespace FlowTracking

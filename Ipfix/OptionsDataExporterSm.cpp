@@ -46,7 +46,7 @@ void Collector::sendMessage(const OptionsDataExporterSm& exporter,
    const Ipfix::IpfixMsgSeqNo seq = info_->ipfixMsgSeqNo();
    // RFC 7011 numbers data records, per collector.
    info_->ipfixMsgSeqNoInc(msgWrap.recordCount());
-   const Kel::Ptr<Nivel::Pkt>& pkt = msgWrap.msg->pkt(seq.value());
+   const Kel::Ptr<Nivel::Pkt>& pkt = msgWrap.msg->pkt(seq.value(), exporter.ftId());
    const auto& config = *exporter.hwExpConfig();
    if (isIpv4_) {
       const Nivel::IpAddr src = config.srcIpAddr();
@@ -397,12 +397,13 @@ void OptionsDataExporterSm::processCollectorQueue() {
          continue;
       }
       maybeBuildMsgCache();
-      for (const auto& msgWrap : msgCache_) {
+      msgCache_.forEach([&](const MessageWrapper& msgWrap) {
          if (!c->active() || !familyReady(*c)) {
-            break;
+            return false;
          }
-         c->sendMessage(*this, *msgWrap);
-      }
+         c->sendMessage(*this, msgWrap);
+         return true;
+      });
       if (c->active()) {
          c->updateStats(*this);
       }
@@ -454,24 +455,17 @@ void OptionsDataExporterSm::sendDataTables() {
    if (!initialized_ || !processing_) {
       return;
    }
-   KEL_TRACE(traceIpfix, 3, "{}: msgCache count: {}", traceId_, msgCache_.size());
+   KEL_TRACE(traceIpfix, 3, "{}: msgCache count: {}", traceId_, msgCache_.count());
    // The statistics entry of each collector is updated once for the whole
    // cache: on this path, it would otherwise cost more than our own send.
-   for (const auto& msgWrap : msgCache_) {
-      transmitToCollectors(*msgWrap);
-   }
+   msgCache_.forEach([this](const MessageWrapper& msgWrap) {
+      transmitToCollectors(msgWrap);
+      return true;
+   });
    updateCollectorStats();
    processing_ = false;
    // The next period counts from the end of this transmission.
    maybeSchedulePeriodic();
-}
-
-std::size_t OptionsDataExporterSm::msgCacheOctets() const {
-   std::size_t octets = 0;
-   for (const auto& msgWrap : msgCache_) {
-      octets += msgWrap->msg->msgHdr()->length();
-   }
-   return octets;
 }
 
 void OptionsDataExporterSm::startBuilding() {
@@ -480,18 +474,9 @@ void OptionsDataExporterSm::startBuilding() {
    builder_.startMsg();
 }
 
-// A record that does not fit the message being built closes it, hands it to
-// `full` and starts the next one; a record that does not fit an empty message
-// is a bug the configuration checks rule out.
-template <class Full>
-void OptionsDataExporterSm::addRecord(TemplateId setId, const DataRecordPtr& record, Full&& full) {
-   Kel::U32 consumed = builder_.addSetRecord(setId, record);
-   if (consumed == 0 && builder_.hasRecords()) {
-      full(builder_.finalizeMsg());
-      builder_.startMsg();
-      consumed = builder_.addSetRecord(setId, record);
-   }
-   KEL_ASSERT(consumed > 0);
+void OptionsDataExporterSm::msgCacheInvalidate() {
+   msgCacheValid_ = false;
+   msgCache_.dropStale(*dataContainer_, maxMessageSize());
 }
 
 void OptionsDataExporterSm::maybeBuildMsgCache() {
@@ -502,28 +487,12 @@ void OptionsDataExporterSm::maybeBuildMsgCache() {
    if (msgCacheValid_) {
       return;
    }
-   msgCache_.clear();
    ++msgCacheBuildCount_;
-   startBuilding();
-   const auto cache = [this](Kel::Ptr<MessageWrapper> msgWrap) {
-      msgCache_.push_back(std::move(msgWrap));
-   };
-   for (const auto& [scope, coll] : dataContainer_->data()) {
-      for (const auto& [sourceName, source] : coll->source()) {
-         const TemplateId setId = source->dataSetId();
-         Kel::U32 added = 0;
-         for (const DataRecordPtr& record : source->dataRecord()) {
-            addRecord(setId, record, cache);
-            ++added;
-         }
-         KEL_TRACE(traceIpfix, 3, "{}: added {} records from {}, setId: {}", traceId_, added,
-                   sourceName, setId);
-      }
-   }
-   if (builder_.hasRecords()) {
-      msgCache_.push_back(builder_.finalizeMsg());
-   }
-   KEL_TRACE(traceIpfix, 3, "{}: msgCache count: {}", traceId_, msgCache_.size());
+   KEL_TRACE(traceIpfix, 3, "{}: IPFIX max msg size: {}", traceId_, maxMessageSize());
+   // Built before the old cache lets go of its runs: those still current are
+   // taken again rather than built anew.
+   msgCache_ = MessageCache(*dataContainer_, maxMessageSize());
+   KEL_TRACE(traceIpfix, 3, "{}: msgCache count: {}", traceId_, msgCache_.count());
    msgCacheValid_ = true;
 }
 
@@ -564,7 +533,7 @@ void OptionsDataExporterSm::flushUpdateQueue() {
       while (!queue.empty() && !yielded) {
          const DataRecordPtr record = queue.recordDeq();
          if (record) {
-            addRecord(queue.setId(), record, send);
+            builder_.addRecord(queue.setId(), record, send);
             updateQueueBytes_ -= record->dataLen();
          }
          yielded = scheduler_->shouldYield();

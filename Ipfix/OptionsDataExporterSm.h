@@ -3,12 +3,12 @@
 #include <map>
 #include <memory>
 #include <set>
-#include <vector>
 
 #include "Bexa/TaskScheduler.h"
 #include "HwFlowTracking/Config.h"
 #include "Ipfix/CollectorStats.h"
 #include "Ipfix/FlowTrackerInfoSm.h"
+#include "Ipfix/MessageCache.h"
 #include "Ipfix/OptionsDataExporter.h"
 
 namespace FlowTracking {
@@ -35,8 +35,9 @@ class Collector : public Kel::PtrInterface {
    bool active() const { return active_; }
    void retire() { active_ = false; }
 
-   // Stamps this collector's sequence number, advances it by the records of
-   // the message, sends it and adds it to the messages not yet counted.
+   // Stamps this collector's sequence number and the tracker's observation
+   // domain, advances the sequence number by the records of the message,
+   // sends it and adds it to the messages not yet counted.
    void sendMessage(const OptionsDataExporterSm& exporter, const MessageWrapper& msgWrap) const;
    // Counts the messages sent since the last call in the statistics table.
    void updateStats(const OptionsDataExporterSm& exporter) const;
@@ -54,9 +55,10 @@ using CollectorMap = std::map<Kel::String, Kel::Ptr<Collector>>;
 
 // Sends the options data of one tracker to the collectors of one of its
 // exporters: the full tables every active interval and to each newly ready
-// collector, from a cache of finished messages rebuilt only when the data
-// changes, and single-record updates, coalesced for a moment unless they
-// already fill a message.
+// collector, from a cache of finished messages taken anew only when the data
+// changes (its messages are shared with the other exporters, see
+// MessageCache), and single-record updates, coalesced for a moment unless
+// they already fill a message.
 class OptionsDataExporterSm : public Kel::Entity {
  public:
    class Notifiee : public Kel::BaseNotifiee<OptionsDataExporterSm> {
@@ -93,9 +95,9 @@ class OptionsDataExporterSm : public Kel::Entity {
    bool msgCacheValid() const { return msgCacheValid_; }
    Kel::U32 updateQueueBytes() const { return updateQueueBytes_; }
    Kel::U32 msgCacheBuildCount() const { return msgCacheBuildCount_; }
-   std::size_t msgCacheCount() const { return msgCache_.size(); }
+   std::size_t msgCacheCount() const { return msgCache_.count(); }
    // Octets of the cached messages as they go on the wire.
-   std::size_t msgCacheOctets() const;
+   std::size_t msgCacheOctets() const { return msgCache_.octets(); }
    const std::map<Kel::String, const Collector*>& collector() const { return collector_; }
    const Bexa::Task& updateTask() const { return *updateTask_; }
    const Bexa::Task& txPeriodicTask() const { return *txPeriodicTask_; }
@@ -130,12 +132,10 @@ class OptionsDataExporterSm : public Kel::Entity {
    void bindDataSources();
    void handleCollector(const Kel::String& name);
    void collInfoWatch(const Kel::String& name);
-   void msgCacheInvalidate() { msgCacheValid_ = false; }
+   void msgCacheInvalidate();
    void sendDataTables();
    // A fresh message in a builder for the exporter's message size.
    void startBuilding();
-   template <class Full>
-   void addRecord(TemplateId setId, const DataRecordPtr& record, Full&& full);
    // Sends one message to every ready collector and counts it.
    void sendMessageToCollectors(const MessageWrapper& msgWrap);
    // Sends one message to every ready collector, leaving it to be counted.
@@ -169,7 +169,7 @@ class OptionsDataExporterSm : public Kel::Entity {
    Kel::U32 msgCacheBuildCount_ = 0;
 
    std::map<TemplateId, UpdateSetQueue> update_;
-   std::vector<Kel::Ptr<MessageWrapper>> msgCache_;
+   MessageCache msgCache_;
    BuilderWrapper builder_;
    CollectorMap collector4_;
    CollectorMap collector6_;

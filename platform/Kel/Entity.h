@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <map>
+#include <memory>
 #include <tuple>
 #include <type_traits>
 #include <utility>
@@ -101,11 +102,17 @@ class Entity : public PtrInterface {
    void detach(NotifieeLink* notifiee) const;
 
    struct NotifyScope;
+   using NotifieeList = std::vector<NotifieeLink*>;
 
-   mutable std::vector<NotifieeLink*> notifiees_;
-   mutable U32 notifyDepth_ = 0;
+   // The small members first, in the padding after the reference count, and
+   // the list made with the first notifiee: most entities, every record of a
+   // table among them, are never observed, and a table holds tens of
+   // thousands. Nested notifications would exhaust the stack long before the
+   // depth count wraps.
+   mutable U16 notifyDepth_ = 0;
    mutable bool hasDetachedSlots_ = false;
    bool notificationActive_ = false;
+   mutable std::unique_ptr<NotifieeList> notifiees_;
 };
 
 // Keeps an entity alive and its list consistent for one notification round.
@@ -123,16 +130,19 @@ struct Entity::NotifyScope {
 
 template <class N, class... Params, class... Args>
 void Entity::notify(void (N::*onChange)(Params...), const Args&... args) const {
-   if (!notificationActive_ || notifiees_.empty()) {
+   if (!notificationActive_ || !notifiees_ || notifiees_->empty()) {
       return;
    }
    // The arguments are copied: a key may refer into a collection that a
    // notifiee changes.
    const std::tuple<std::decay_t<Args>...> held(args...);
    NotifyScope scope(this);
-   const std::size_t attachedBefore = notifiees_.size();
+   // The list lives as long as the entity; notifiees attached meanwhile may
+   // move its elements, so they are read by index.
+   const NotifieeList& list = *notifiees_;
+   const std::size_t attachedBefore = list.size();
    for (std::size_t i = 0; i < attachedBefore; ++i) {
-      if (NotifieeLink* link = notifiees_[i]) {
+      if (NotifieeLink* link = list[i]) {
          std::apply([&](const auto&... a) { (static_cast<N*>(link)->*onChange)(a...); }, held);
       }
    }

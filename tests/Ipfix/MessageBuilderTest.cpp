@@ -172,14 +172,15 @@ TEST(MessageBuilder, FinishedMessageIsSharedAndStampedPerSend) {
    const auto& hdr = *msg->msgHdr();
    EXPECT_EQ(wire(hdr.pkt()), msgHeader(30) + body);
 
-   const Kel::Ptr<Nivel::Pkt> first = msg->pkt(7);
+   const Kel::Ptr<Nivel::Pkt> first = msg->pkt(7, odid);
    EXPECT_EQ(first, hdr.pkt()) << "the message's own packet, not a copy";
    EXPECT_EQ(hdr.exportTime(), 1700000000u) << "whole seconds, fraction dropped";
    EXPECT_EQ(hdr.seqNo(), 7u);
 
+   // Sent again for another tracker: its own observation domain.
    clock.advance(2.5);
-   EXPECT_EQ(msg->pkt(8), first);
-   const Bytes stamped = be16(10) + be16(30) + be32(1700000003) + be32(8) + be32(odid) + body;
+   EXPECT_EQ(msg->pkt(8, odid + 1), first);
+   const Bytes stamped = be16(10) + be16(30) + be32(1700000003) + be32(8) + be32(odid + 1) + body;
    EXPECT_EQ(wire(first), stamped);
 
    // Building the next message leaves the finished one alone.

@@ -79,7 +79,7 @@ BuilderState stateOf(const MessageBuilder& b) {
 void checkMessage(FlowTracking::Message& msg, const Expected& expected, Kel::U16 maxSize,
                   Kel::U32 odid, Kel::U32 seqNo) {
    check(msg.recordCount() == expected.records, "record count of the message");
-   const auto& pkt = msg.pkt(seqNo);
+   const auto& pkt = msg.pkt(seqNo, odid);
    const Kel::U8* p = pkt->data();
    const Kel::U32 bytes = pkt->bytes();
    check(bytes == expected.length, "message octets differ from what was added");
