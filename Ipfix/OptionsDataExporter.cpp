@@ -4,18 +4,6 @@
 
 namespace FlowTracking {
 
-void UpdateSetQueue::recordEnq(const DataRecordPtr& record) {
-   KEL_ASSERT_TEXT(nextIndex_ != Kel::maxU32(), "linkqueue index space full");
-   record_.emplace(nextIndex_++, record);
-}
-
-DataRecordPtr UpdateSetQueue::recordDeq() {
-   const auto head = record_.begin();
-   DataRecordPtr record = head->second;
-   record_.erase(head);
-   return record;
-}
-
 void BuilderWrapper::builderIs(Kel::U16 maxSize, Kel::U32 observationDomainId) {
    if (!builder_ || builder_->maxSize() != maxSize ||
        builder_->observationDomainId() != observationDomainId) {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include <map>
+#include <deque>
 
 #include "Ipfix/CollectorStatsUpdate.h"
 #include "Ipfix/MessageBuilder.h"
@@ -10,27 +10,7 @@
 namespace FlowTracking {
 
 // The queued update records of one data set, oldest first.
-class UpdateSetQueue {
- public:
-   explicit UpdateSetQueue(TemplateId setId) : setId_(setId) {}
-
-   TemplateId setId() const { return setId_; }
-   bool empty() const { return record_.empty(); }
-   Kel::U32 size() const { return static_cast<Kel::U32>(record_.size()); }
-   // The oldest record; the queue must not be empty.
-   const DataRecordPtr& front() const { return record_.begin()->second; }
-
-   void recordEnq(const DataRecordPtr& record);
-   DataRecordPtr recordDeq();
-   void recordDel(Kel::U32 index) { record_.erase(index); }
-   void recordDelAll() { record_.clear(); }
-
- private:
-   TemplateId setId_;
-   // By an ever-increasing index, so that order survives deletions.
-   std::map<Kel::U32, DataRecordPtr> record_;
-   Kel::U32 nextIndex_ = 0;
-};
+using UpdateSetQueue = std::deque<DataRecordPtr>;
 
 // A finished options-data message and how many records of each set it holds,
 // for the collectors' statistics.

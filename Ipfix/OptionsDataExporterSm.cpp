@@ -1,6 +1,5 @@
 #include "Ipfix/OptionsDataExporterSm.h"
 
-#include "Ipfix/FlowTrackerPktTxUtil.h"
 #include "Kel/Exception.h"
 #include "Kel/Trace.h"
 
@@ -11,12 +10,8 @@ namespace {
 Kel::TraceHandle traceIpfix("Ipfix");
 
 constexpr Bexa::TaskPriority optionsDataTaskPriority{2};
-// Room left in the MTU for an IPv6 header (40) and a UDP header (8).
-constexpr Kel::U32 ipAndUdpHeaders = 48;
 // Used while the tracker's configuration is absent.
 constexpr Kel::U32 defaultActiveIntervalMs = 300000;
-// The packet hex dump of each send is traced only at this level.
-constexpr int txDumpTraceLevel = 7;
 
 bool isSet(const Nivel::IpAndPort& d) {
    return !d.ip.isUnspecified() || d.port != 0;
@@ -26,56 +21,6 @@ bool isSet(const Nivel::Ip6AndPort& d) {
 }
 
 }  // namespace
-
-// ---------------------------------------------------------------------------
-// Collector
-
-Collector::Collector(Kel::Ptr<CollectorInfo> info, const Nivel::IpAndPort& dst4)
-    : info_(std::move(info)), isIpv4_(true), dst4_(dst4) {}
-
-Collector::Collector(Kel::Ptr<CollectorInfo> info, const Nivel::Ip6AndPort& dst6)
-    : info_(std::move(info)), isIpv4_(false), dst6_(dst6) {}
-
-Vorpa::Ipfix::CollectorInfo Collector::statsCollector() const {
-   return isIpv4_ ? Vorpa::Ipfix::CollectorInfo::fromIpAndPort(dst4_)
-                  : Vorpa::Ipfix::CollectorInfo::fromIp6AndPort(dst6_);
-}
-
-void Collector::sendMessage(const OptionsDataExporterSm& exporter,
-                            const MessageWrapper& msgWrap) const {
-   const Ipfix::IpfixMsgSeqNo seq = info_->ipfixMsgSeqNo();
-   // RFC 7011 numbers data records, per collector.
-   info_->ipfixMsgSeqNoInc(msgWrap.recordCount());
-   const Kel::Ptr<Nivel::Pkt>& pkt = msgWrap.msg->pkt(seq.value(), exporter.ftId());
-   const auto& config = *exporter.hwExpConfig();
-   if (isIpv4_) {
-      const Nivel::IpAddr src = config.srcIpAddr();
-      KEL_ASSERT_TEXT(!src.isUnspecified(), "src != IpAddr::ipAddrZero()");
-      const auto& _pam = exporter.expInfo()->udpPam4();
-      KEL_ASSERT(_pam);
-      KEL_TRACE(traceIpfix, txDumpTraceLevel, "Collector::sendMessage TX IPv4 {} => {}:{}: {}", src,
-                dst4_.ip, dst4_.port, Nivel::hexDump(*pkt));
-      sendPkt4(pkt, _pam, src, dst4_, config.dscp());
-   } else {
-      const Nivel::Ip6Addr src = config.srcIp6Addr();
-      KEL_ASSERT_TEXT(!src.isUnspecified(), "!src.isZero()");
-      const auto& _pam = exporter.expInfo()->udpPam6();
-      KEL_ASSERT(_pam);
-      KEL_TRACE(traceIpfix, txDumpTraceLevel, "Collector::sendMessage TX IPv6 {} => {}:{}: {}", src,
-                dst6_.ip, dst6_.port, Nivel::hexDump(*pkt));
-      sendPkt6(pkt, _pam, src, dst6_, config.dscp());
-   }
-   tally_.messageAdd(pkt->bytes(), msgWrap.setRecord);
-}
-
-void Collector::updateStats(const OptionsDataExporterSm& exporter) const {
-   if (tally_.empty()) {
-      return;
-   }
-   Vorpa::Ipfix::statsUpdateAfterOptionsData(*exporter.collStats(), exporter.ftName(),
-                                             exporter.expName(), statsCollector(), tally_);
-   tally_ = {};
-}
 
 // ---------------------------------------------------------------------------
 // Reactors
@@ -293,7 +238,7 @@ bool OptionsDataExporterSm::v6Ready() const {
 }
 
 Kel::U16 OptionsDataExporterSm::maxMessageSize() const {
-   return static_cast<Kel::U16>(hwExpConfig_->ipfixMtu() - ipAndUdpHeaders);
+   return static_cast<Kel::U16>(hwExpConfig_->ipfixMtu() - ipAndUdpHeaderRoom);
 }
 
 template <class Dst>
@@ -505,8 +450,8 @@ void OptionsDataExporterSm::handleUpdateData(OptionsDataScope scope) {
    }
    const DataRecordPtr& record = update->dataRecord();
    updateQueueBytes_ += record ? record->dataLen() : 0;
-   update_.try_emplace(update->dataSetId(), update->dataSetId()).first->second.recordEnq(record);
-   const Kel::U32 limit = hwExpConfig_->ipfixMtu() - ipAndUdpHeaders;
+   update_[update->dataSetId()].push_back(record);
+   const Kel::U32 limit = hwExpConfig_->ipfixMtu() - ipAndUdpHeaderRoom;
    const Kel::U32 overhead = MessageBuilder::calcOverhead(static_cast<Kel::U32>(update_.size()));
    if (overhead + updateQueueBytes_ < limit) {
       KEL_TRACE(traceIpfix, 3, "{}: coalescing, updateQueueBytes:{}", traceId_, updateQueueBytes_);
@@ -529,11 +474,12 @@ void OptionsDataExporterSm::flushUpdateQueue() {
    };
    bool yielded = false;
    for (auto it = update_.begin(); it != update_.end() && !yielded;) {
-      UpdateSetQueue& queue = it->second;
+      auto& [setId, queue] = *it;
       while (!queue.empty() && !yielded) {
-         const DataRecordPtr record = queue.recordDeq();
+         const DataRecordPtr record = std::move(queue.front());
+         queue.pop_front();
          if (record) {
-            builder_.addRecord(queue.setId(), record, send);
+            builder_.addRecord(setId, record, send);
             updateQueueBytes_ -= record->dataLen();
          }
          yielded = scheduler_->shouldYield();

@@ -9,49 +9,17 @@
 #include "Ipfix/CollectorStats.h"
 #include "Ipfix/FlowTrackerInfoSm.h"
 #include "Ipfix/MessageCache.h"
+#include "Ipfix/OptionsDataCollector.h"
 #include "Ipfix/OptionsDataExporter.h"
 
 namespace FlowTracking {
 
-class OptionsDataExporterSm;
-
-// One collector that has its options templates and so may be sent options
-// data; it numbers the records it is sent on its own. Send loops hold it by a
-// counted pointer: a change of configuration made while they send (a removal,
-// a new address) retires it, and they skip it from then on.
-class Collector : public Kel::PtrInterface {
- public:
-   Collector(Kel::Ptr<CollectorInfo> info, const Nivel::IpAndPort& dst4);
-   Collector(Kel::Ptr<CollectorInfo> info, const Nivel::Ip6AndPort& dst6);
-
-   const Kel::Ptr<CollectorInfo>& info() const { return info_; }
-   bool isIpv4() const { return isIpv4_; }
-   const Nivel::IpAndPort& dst4() const { return dst4_; }
-   const Nivel::Ip6AndPort& dst6() const { return dst6_; }
-   bool hasDestination(const Nivel::IpAndPort& d) const { return isIpv4_ && dst4_ == d; }
-   bool hasDestination(const Nivel::Ip6AndPort& d) const { return !isIpv4_ && dst6_ == d; }
-   Vorpa::Ipfix::CollectorInfo statsCollector() const;
-   // False once the exporter dropped or replaced it.
-   bool active() const { return active_; }
-   void retire() { active_ = false; }
-
-   // Stamps this collector's sequence number and the tracker's observation
-   // domain, advances the sequence number by the records of the message,
-   // sends it and adds it to the messages not yet counted.
-   void sendMessage(const OptionsDataExporterSm& exporter, const MessageWrapper& msgWrap) const;
-   // Counts the messages sent since the last call in the statistics table.
-   void updateStats(const OptionsDataExporterSm& exporter) const;
-
- private:
-   Kel::Ptr<CollectorInfo> info_;
-   bool isIpv4_;
-   Nivel::IpAndPort dst4_;
-   Nivel::Ip6AndPort dst6_;
-   mutable Vorpa::Ipfix::OptionsDataTally tally_;
-   bool active_ = true;
-};
-
 using CollectorMap = std::map<Kel::String, Kel::Ptr<Collector>>;
+
+// Room an exporter leaves in its MTU for the headers in front of a message: an
+// IPv6 header (40) and a UDP header (8), so that a message fits whichever
+// family carries it.
+inline constexpr Kel::U32 ipAndUdpHeaderRoom = 48;
 
 // Sends the options data of one tracker to the collectors of one of its
 // exporters: the full tables every active interval and to each newly ready
@@ -163,6 +131,9 @@ class OptionsDataExporterSm : public Kel::Entity {
 
    Kel::Seconds updateDataCoalesceTime_ = 1.0;
    bool initialized_ = false;
+   // A full transmission is under way. It runs to its end within one turn,
+   // but a send can change the configuration and so re-enter the exporter; a
+   // periodic start that finds it set is skipped, not nested.
    bool processing_ = false;
    bool msgCacheValid_ = false;
    Kel::U32 updateQueueBytes_ = 0;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "FlowTracking/Constants.h"
+#include "Ipfix/OptionsDataExporterSm.h"
 #include "Kel/Types.h"
 
 // The bounds the configuration file is checked against, each derived from the
@@ -24,8 +25,8 @@ inline constexpr Kel::U32 maxStatisticsTableLength = 100;
 // and a UDP header). One message must hold at least the message header (16),
 // one set header (4) and the largest options data record: an interface or VRF
 // record, 5 octets plus its name.
-inline constexpr Kel::U32 ipAndUdpHeaderLength = 48;
-inline constexpr Kel::U32 minMtu = ipAndUdpHeaderLength + 16 + 4 + 5 + maxTableNameLength;
+inline constexpr Kel::U32 minMtu =
+    FlowTracking::ipAndUdpHeaderRoom + 16 + 4 + 5 + maxTableNameLength;
 inline constexpr Kel::U32 maxMtu = 65535;
 
 // DSCP is a six-bit code point.
