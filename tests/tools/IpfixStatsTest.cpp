@@ -10,10 +10,10 @@
 #include "Ipfix/CollectorStatsUpdate.h"
 #include "Kel/System.h"
 #include "StatsReport.h"
+#include "support/ChildProcess.h"
 #include "support/FutexSleeper.h"
 #include "support/ScopedTableName.h"
 #include "support/SegmentBytes.h"
-#include "tools/ChildProcess.h"
 
 namespace {
 
