@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -17,32 +17,47 @@ using TestSupport::ChildProcess;
 const std::string manDir = MAN_DIR;
 
 // Roff text as it reads: hyphens, no font changes, no zero-width escapes.
-std::string plain(std::string text) {
-   static const std::regex escapes(R"(\\f[BIRP]|\\%|\\&)");
-   text = std::regex_replace(text, escapes, "");
-   return std::regex_replace(text, std::regex(R"(\\-)"), "-");
+std::string plain(const std::string& roff) {
+   std::string text;
+   for (std::size_t i = 0; i < roff.size(); ++i) {
+      if (roff[i] != '\\' || i + 1 == roff.size()) {
+         text += roff[i];
+      } else if (roff[i + 1] == '-') {
+         text += '-';
+         ++i;
+      } else if (roff[i + 1] == '%' || roff[i + 1] == '&') {
+         ++i;
+      } else if (roff[i + 1] == 'f' && i + 2 < roff.size()) {
+         i += 2;
+      } else {
+         text += roff[i];
+      }
+   }
+   return text;
 }
 
 // Options named by the tags of each section's (.SH) or subsection's (.SS)
-// items (.TP), by heading.
+// items (.TP), by heading: the words of a tag that start with '-'.
 std::map<std::string, std::set<std::string>> manOptions(const std::string& page) {
    std::ifstream in(manDir + "/" + page);
    std::map<std::string, std::set<std::string>> options;
    std::string heading;
    std::string line;
    bool tagNext = false;
-   static const std::regex headingLine(R"re(^\.S[HS] "?([^"]*)"?$)re");
-   static const std::regex option(R"((^|[\s,])(--?[A-Za-z][-A-Za-z]*))");
    while (std::getline(in, line)) {
-      std::smatch m;
-      if (std::regex_match(line, m, headingLine)) {
-         heading = plain(m[1]);
+      if (line.starts_with(".SH ") || line.starts_with(".SS ")) {
+         heading = plain(line.substr(4));
+         std::erase(heading, '"');
       } else if (line == ".TP") {
          tagNext = true;
       } else if (std::exchange(tagNext, false)) {
-         const std::string tag = plain(line);
-         for (std::sregex_iterator it(tag.begin(), tag.end(), option), end; it != end; ++it) {
-            options[heading].insert((*it)[2]);
+         std::string tag = plain(line);
+         std::replace(tag.begin(), tag.end(), ',', ' ');
+         std::istringstream words(tag);
+         for (std::string word; words >> word;) {
+            if (word.starts_with("-")) {
+               options[heading].insert(word);
+            }
          }
       }
    }
