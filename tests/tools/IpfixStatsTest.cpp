@@ -294,8 +294,11 @@ TEST(IpfixStatsOpenMetrics, NamesOfAnyOctets) {
    const TestSupport::ScopedTableName name("toolom");
    const auto stats = Vorpa::Ipfix::collectorStatisticsFactory(name, 4);
    const std::string tracker = "ft \"q\" \\b\nl\xc3";
-   // A surrogate, a code point past U+10FFFF, an overlong '/', then é.
-   const std::string exporter = "\xed\xa0\x80x\xf4\x90\x80\x80\xc0\xaf\xc3\xa9";
+   // A surrogate, a code point past U+10FFFF, an overlong '/', the valid é,
+   // € and U+1D11E, overlong three- and four-octet forms.
+   const std::string exporter =
+       "\xed\xa0\x80x\xf4\x90\x80\x80\xc0\xaf\xc3\xa9\xe2\x82\xac\xf0\x9d\x84\x9e"
+       "\xe0\x80\x80\xf0\x80\x80\x80";
    stats->statsIs(Vorpa::Ipfix::CollectorStatisticsEntry(
        Vorpa::Ipfix::CollectorStatisticsKey(tracker, exporter, collector("192.0.2.1:4739"))));
 
@@ -305,11 +308,13 @@ TEST(IpfixStatsOpenMetrics, NamesOfAnyOctets) {
    const TestSupport::ParsedMetrics parsed = TestSupport::parseOpenMetrics(result.out);
    ASSERT_EQ(parsed.error, "") << result.out;
    const std::string bad = "\xef\xbf\xbd";
-   const std::string key = TestSupport::sampleKey(
-       "ipfix_collector_messages_total",
-       {{"tracker", "ft \"q\" \\b\nl" + bad},
-        {"exporter", bad + bad + bad + "x" + bad + bad + bad + bad + bad + bad + "\xc3\xa9"},
-        {"collector", "192.0.2.1:4739"}});
+   const std::string key =
+       TestSupport::sampleKey("ipfix_collector_messages_total",
+                              {{"tracker", "ft \"q\" \\b\nl" + bad},
+                               {"exporter", bad + bad + bad + "x" + bad + bad + bad + bad + bad +
+                                                bad + "\xc3\xa9\xe2\x82\xac\xf0\x9d\x84\x9e" + bad +
+                                                bad + bad + bad + bad + bad + bad},
+                               {"collector", "192.0.2.1:4739"}});
    EXPECT_TRUE(parsed.samples.contains(key)) << result.out;
 }
 
