@@ -1,5 +1,6 @@
 #include "AgentRuntime.h"
 
+#include <fmt/format.h>
 #include <signal.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -24,6 +25,28 @@ void printErrors(const ConfigErrors& errors) {
    for (const ConfigError& e : errors) {
       std::fprintf(stderr, "%s\n", e.str().c_str());
    }
+}
+
+std::string counted(std::size_t n, std::string_view thing) {
+   return fmt::format("{} {}{}", n, thing, n == 1 ? "" : "s");
+}
+
+// What the agent runs, for the service manager's status line.
+std::string statusLine(const AgentConfig& config) {
+   std::size_t trackers = 0;
+   std::size_t exporters = 0;
+   std::size_t collectors = 0;
+   for (const auto& [type, tracking] : config.tracking) {
+      trackers += tracking.trackers.size();
+      for (const auto& [trackerName, tracker] : tracking.trackers) {
+         exporters += tracker.exporters.size();
+         for (const auto& [exporterName, exporter] : tracker.exporters) {
+            collectors += exporter.collectors.size();
+         }
+      }
+   }
+   return fmt::format("Exporting: {}, {}, {}", counted(trackers, "tracker"),
+                      counted(exporters, "exporter"), counted(collectors, "collector"));
 }
 
 }  // namespace
@@ -79,6 +102,7 @@ bool AgentRuntime::start() {
    signalWatch_ = scheduler_->fdWatchIs(signalFd_, signalTask_.get());
    KEL_TRACE(traceAgent, 3, "Started with {} on table {}", options_.configPath,
              config->statisticsTable);
+   notifier_.ready(statusLine(*config));
    return true;
 }
 
@@ -131,6 +155,7 @@ void AgentRuntime::handleSignal() {
          reload();
       } else {
          KEL_TRACE(traceAgent, 3, "Stopping on signal {}", info.ssi_signo);
+         notifier_.stopping();
          scheduler_->stop();
       }
    }
@@ -138,11 +163,19 @@ void AgentRuntime::handleSignal() {
 
 void AgentRuntime::reload() {
    KEL_TRACE(traceAgent, 3, "Reloading {}", options_.configPath);
+   notifier_.reloading();
+   const bool applied = reloadApplied();
+   notifier_.ready(
+       statusLine(writer_->config()) +
+       (applied ? "" : fmt::format("; {} not applied, see the log", options_.configPath)));
+}
+
+bool AgentRuntime::reloadApplied() {
    const auto config = loadConfig();
    if (!config) {
       std::fprintf(stderr, "ipfix-agent: %s not applied, still running the previous one\n",
                    options_.configPath.c_str());
-      return;
+      return false;
    }
    const AgentConfig& running = writer_->config();
    const Kel::U32 capacity = stats_->statsControl().capacity();
@@ -153,7 +186,7 @@ void AgentRuntime::reload() {
                    "the table anew for it (statistics-capacity sets its size)\n",
                    options_.configPath.c_str(),
                    static_cast<unsigned long long>(statisticsEntries(*config)), capacity);
-      return;
+      return false;
    }
    if (config->statisticsTable != running.statisticsTable ||
        config->statisticsCapacity != running.statisticsCapacity) {
@@ -167,6 +200,7 @@ void AgentRuntime::reload() {
    applied.statisticsCapacity = running.statisticsCapacity;
    writer_->configIs(applied);
    librariesIs(applied);
+   return true;
 }
 
 // Removing the whole configuration takes the library down as a switch would:

@@ -14,6 +14,7 @@
 #include "Ipfix/IpfixSm.h"
 #include "Ipfix/OptionsDataManagerSm.h"
 #include "ModelWriter.h"
+#include "ServiceNotifier.h"
 #include "VrfIdMapWriter.h"
 
 namespace Agent {
@@ -22,7 +23,8 @@ namespace Agent {
 // library built over it in its start order, and the event loop that runs it.
 // SIGHUP re-reads the file and applies the difference; SIGTERM and SIGINT
 // take everything down in order and end the loop. Operators' requests (a
-// counter clear) arrive on the control socket of the statistics table.
+// counter clear) arrive on the control socket of the statistics table. A
+// service manager hears of each step (see ServiceNotifier).
 class AgentRuntime {
  public:
    struct Options {
@@ -64,10 +66,14 @@ class AgentRuntime {
    void controlChannelIs(const Kel::Name& statisticsTable);
    void handleSignal();
    void reload();
+   // Applies the file as a reload; false when it is refused, which leaves
+   // everything as it was.
+   bool reloadApplied();
    void shutdown();
 
    Options options_;
    Kel::Ptr<Bexa::TaskSchedulerRoot> scheduler_ = Kel::makePtr<Bexa::TaskSchedulerRoot>();
+   ServiceNotifier notifier_{scheduler_};
    Kel::Ptr<Ipfix::IpfixInitSm> init_;
    Kel::Ptr<FlowTracking::IntfIndexMap> interfaces_ = Kel::makeActive<FlowTracking::IntfIndexMap>();
    Kel::Ptr<FlowTracking::ConfigReq> configReq_ = Kel::makeActive<FlowTracking::ConfigReq>();

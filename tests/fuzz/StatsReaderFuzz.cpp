@@ -1,8 +1,8 @@
 // The collector statistics reader over a segment whose bytes come from the
 // input, as `ipfix-stats` would meet a table written by a broken or hostile
 // process: mount, forEach, entry, validate, changesSince and the tool's own
-// snapshot and reports must answer with errors, never crash or read outside
-// the segment.
+// snapshot and reports (text, JSON, OpenMetrics) must answer with errors,
+// never crash or read outside the segment.
 //
 // Input: one octet of flags, then the segment's bytes. Random bytes rarely
 // carry valid checksums, so the flags let the harness recompute them over
@@ -34,8 +34,10 @@
 #include "Ipfix/CollectorStatsUpdate.h"
 #include "Kel/Exception.h"
 #include "Kel/System.h"
+#include "OpenMetricsReport.h"
 #include "StatsReport.h"
 #include "StatsSnapshot.h"
+#include "Utf8.h"
 #include "Vorpa/Error.h"
 
 namespace {
@@ -179,6 +181,12 @@ void exercise(const CollectorStatisticsReader& reader) {
       static_cast<void>(IpfixStats::textReport(snapshot.summary, snapshot.trackers, now));
       static_cast<void>(IpfixStats::jsonText(
           IpfixStats::jsonReport(snapshot.summary, snapshot.trackers, now), 2));
+      // Names are the input's octets; the exposition must stay UTF-8 (a
+      // second pass finds nothing to replace) and end where the format ends.
+      const std::string metrics =
+          IpfixStats::openMetricsReport(snapshot.summary, snapshot.trackers, now);
+      check(IpfixStats::validUtf8(metrics) == metrics, "the OpenMetrics report is not UTF-8");
+      check(metrics.find("# EOF\n") == metrics.size() - 6, "the OpenMetrics report's end");
    } catch (const IpfixStats::CorruptTable&) {
       // The tool's answer to a damaged table.
    }

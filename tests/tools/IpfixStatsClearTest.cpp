@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 
 #include <chrono>
 #include <cstring>
@@ -12,10 +10,11 @@
 
 #include "Ipfix/CollectorStats.h"
 #include "Kel/System.h"
+#include "support/ChildProcess.h"
+#include "support/DatagramSocket.h"
 #include "support/ScopedRuntimeDirectory.h"
 #include "support/ScopedTableName.h"
 #include "support/UdpReceiver.h"
-#include "tools/ChildProcess.h"
 
 // `ipfix-stats clear` against the agent as an operator runs them: two
 // processes, the agent exporting to UDP receivers of this test on loopback,
@@ -24,6 +23,7 @@
 namespace {
 
 using TestSupport::ChildProcess;
+using TestSupport::DatagramSocket;
 
 const std::string ipfixStats = IPFIX_STATS_PATH;
 const std::string ipfixAgent = IPFIX_AGENT_PATH;
@@ -36,61 +36,6 @@ bool exists(const std::string& path) {
    struct stat st {};
    return ::lstat(path.c_str(), &st) == 0;
 }
-
-// A Unix datagram socket of this test, bound to an abstract address of its
-// own unless `bound` is false; closed at the end of the scope.
-class DatagramSocket {
- public:
-   explicit DatagramSocket(bool bound = true)
-       : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-      const sa_family_t family = AF_UNIX;
-      if (fd_ < 0 ||
-          (bound && ::bind(fd_, reinterpret_cast<const sockaddr*>(&family), sizeof family) != 0)) {
-         throw std::runtime_error(std::string("datagram socket: ") + std::strerror(errno));
-      }
-   }
-   ~DatagramSocket() { ::close(fd_); }
-   DatagramSocket(const DatagramSocket&) = delete;
-   DatagramSocket& operator=(const DatagramSocket&) = delete;
-
-   static sockaddr_un address(const std::string& path) {
-      sockaddr_un addr{};
-      addr.sun_family = AF_UNIX;
-      std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-      return addr;
-   }
-   void bindTo(const std::string& path) {
-      const sockaddr_un addr = address(path);
-      ASSERT_EQ(::bind(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof addr), 0)
-          << std::strerror(errno);
-   }
-   void connectTo(const std::string& path) {
-      const sockaddr_un addr = address(path);
-      ASSERT_EQ(::connect(fd_, reinterpret_cast<const sockaddr*>(&addr), sizeof addr), 0)
-          << std::strerror(errno);
-   }
-   int fd() const { return fd_; }
-   void sendTo(const std::string& path, const std::string& bytes) {
-      const sockaddr_un addr = address(path);
-      ASSERT_EQ(::sendto(fd_, bytes.data(), bytes.size(), 0,
-                         reinterpret_cast<const sockaddr*>(&addr), sizeof addr),
-                static_cast<ssize_t>(bytes.size()))
-          << std::strerror(errno);
-   }
-   // The next datagram, or nullopt when none comes within a generous limit.
-   std::optional<std::string> receive() {
-      pollfd p{fd_, POLLIN, 0};
-      if (::poll(&p, 1, ChildProcess::pipeWaitLimitMs) != 1) {
-         return std::nullopt;
-      }
-      char buffer[4096];
-      const ssize_t n = ::recv(fd_, buffer, sizeof buffer, 0);
-      return n < 0 ? std::nullopt : std::optional<std::string>(std::string(buffer, n));
-   }
-
- private:
-   int fd_;
-};
 
 std::string config(int portE1, int portE2, int portE3) {
    const auto collector = [](const char* name, int port) {

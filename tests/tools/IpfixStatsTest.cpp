@@ -10,14 +10,17 @@
 #include "Ipfix/CollectorStatsUpdate.h"
 #include "Kel/System.h"
 #include "StatsReport.h"
+#include "support/ChildProcess.h"
 #include "support/FutexSleeper.h"
 #include "support/ScopedTableName.h"
 #include "support/SegmentBytes.h"
-#include "tools/ChildProcess.h"
+#include "tools/OpenMetricsParser.h"
+#include "tools/StatsWriterProcess.h"
 
 namespace {
 
 using TestSupport::ChildProcess;
+using TestSupport::StatsWriterProcess;
 using Vorpa::Ipfix::CollectorInfo;
 using Vorpa::Ipfix::SetCount;
 using Vorpa::Ipfix::SetId;
@@ -201,6 +204,120 @@ TEST_F(IpfixStatsTest, PrintsTheSameAsJson) {
    expectJson(nlohmann::json::parse(result.out), expected, late);
 }
 
+// The OpenMetrics form of the same table, read back by an independent
+// parser: every family typed and documented, every sample with its labels.
+// A kind of message never sent has no age sample; a tracker's exporter
+// without collectors has no samples at all.
+TEST_F(IpfixStatsTest, PrintsTheSameAsOpenMetrics) {
+   const ChildProcess::Result result =
+       ChildProcess::run({ipfixStats, "--format", "openmetrics", "--table", name.str()});
+   const Kel::Seconds late = elapsed();
+   ASSERT_EQ(result.exitCode, 0) << result.err;
+   const TestSupport::ParsedMetrics parsed = TestSupport::parseOpenMetrics(result.out);
+   ASSERT_EQ(parsed.error, "") << result.out;
+
+   const std::map<std::string, std::string> types = {
+       {"ipfix_table_capacity", "gauge"},
+       {"ipfix_table_entries", "gauge"},
+       {"ipfix_table_inserts_refused", "counter"},
+       {"ipfix_collector_messages", "counter"},
+       {"ipfix_collector_records", "counter"},
+       {"ipfix_collector_octets", "counter"},
+       {"ipfix_collector_set_records", "counter"},
+       {"ipfix_collector_set_templates", "counter"},
+       {"ipfix_collector_last_sent_seconds", "gauge"}};
+   ASSERT_EQ(parsed.families.size(), types.size());
+   for (const auto& [family, type] : types) {
+      ASSERT_TRUE(parsed.families.contains(family)) << family;
+      EXPECT_EQ(parsed.families.at(family)["type"], type) << family;
+      EXPECT_NE(parsed.families.at(family)["help"], "") << family;
+   }
+   EXPECT_EQ(parsed.families.at("ipfix_collector_last_sent_seconds")["unit"], "seconds");
+
+   using Labels = TestSupport::MetricLabels;
+   const Labels table{{"table", name.str()}};
+   const Labels c1{{"tracker", "ft1"}, {"exporter", "exp1"}, {"collector", "192.0.2.1:4739"}};
+   const Labels c2{{"tracker", "ft2"}, {"exporter", "exp9"}, {"collector", "192.0.2.7:2055"}};
+   const auto with = [](Labels labels, const char* label, const char* value) {
+      labels[label] = value;
+      return labels;
+   };
+   const struct {
+      const char* name;
+      Labels labels;
+      double value;
+   } expected[] = {
+       {"ipfix_table_capacity", table, 16},
+       {"ipfix_table_entries", table, 4},  // two collectors, two clear times
+       {"ipfix_table_inserts_refused_total", table, 0},
+       {"ipfix_collector_messages_total", c1, 2},
+       {"ipfix_collector_messages_total", c2, 1},
+       {"ipfix_collector_records_total", c1, 7},
+       {"ipfix_collector_records_total", c2, 1},
+       {"ipfix_collector_octets_total", c1, 500},
+       {"ipfix_collector_octets_total", c2, 90},
+       {"ipfix_collector_set_records_total", with(c1, "set_id", "2"), 0},
+       {"ipfix_collector_set_records_total", with(c1, "set_id", "256"), 5},
+       {"ipfix_collector_set_records_total", with(c1, "set_id", "257"), 2},
+       {"ipfix_collector_set_records_total", with(c2, "set_id", "256"), 1},
+       {"ipfix_collector_set_templates_total", with(c1, "set_id", "2"), 3},
+       {"ipfix_collector_set_templates_total", with(c1, "set_id", "256"), 0},
+       {"ipfix_collector_set_templates_total", with(c1, "set_id", "257"), 0},
+       {"ipfix_collector_set_templates_total", with(c2, "set_id", "256"), 0},
+       {"ipfix_collector_last_sent_seconds", with(c1, "kind", "any"), 50},
+       {"ipfix_collector_last_sent_seconds", with(c1, "kind", "template"), 100},
+       {"ipfix_collector_last_sent_seconds", with(c1, "kind", "options_data"), 50},
+       {"ipfix_collector_last_sent_seconds", with(c2, "kind", "any"), 1},
+       {"ipfix_collector_last_sent_seconds", with(c2, "kind", "options_data"), 1},
+   };
+   std::map<std::string, double> unexpected = parsed.samples;
+   for (const auto& e : expected) {
+      const std::string key = TestSupport::sampleKey(e.name, e.labels);
+      SCOPED_TRACE(key);
+      ASSERT_TRUE(parsed.samples.contains(key)) << result.out;
+      const double value = parsed.samples.at(key);
+      if (std::string_view(e.name).ends_with("_seconds")) {
+         EXPECT_GE(value, e.value - 0.05);
+         EXPECT_LE(value, e.value + late + 0.05);
+      } else {
+         EXPECT_EQ(value, e.value);
+      }
+      unexpected.erase(key);
+   }
+   EXPECT_TRUE(unexpected.empty()) << unexpected.begin()->first;
+}
+
+// Names are the writer's octets: whatever they hold, the exposition stays
+// UTF-8 that the parser accepts, with the characters the format escapes
+// coming back as they were and each octet outside a valid sequence as U+FFFD.
+TEST(IpfixStatsOpenMetrics, NamesOfAnyOctets) {
+   const TestSupport::ScopedTableName name("toolom");
+   const auto stats = Vorpa::Ipfix::collectorStatisticsFactory(name, 4);
+   const std::string tracker = "ft \"q\" \\b\nl\xc3";
+   // A surrogate, a code point past U+10FFFF, an overlong '/', the valid é,
+   // € and U+1D11E, overlong three- and four-octet forms.
+   const std::string exporter =
+       "\xed\xa0\x80x\xf4\x90\x80\x80\xc0\xaf\xc3\xa9\xe2\x82\xac\xf0\x9d\x84\x9e"
+       "\xe0\x80\x80\xf0\x80\x80\x80";
+   stats->statsIs(Vorpa::Ipfix::CollectorStatisticsEntry(
+       Vorpa::Ipfix::CollectorStatisticsKey(tracker, exporter, collector("192.0.2.1:4739"))));
+
+   const ChildProcess::Result result =
+       ChildProcess::run({ipfixStats, "--format", "openmetrics", "--table", name.str()});
+   ASSERT_EQ(result.exitCode, 0) << result.err;
+   const TestSupport::ParsedMetrics parsed = TestSupport::parseOpenMetrics(result.out);
+   ASSERT_EQ(parsed.error, "") << result.out;
+   const std::string bad = "\xef\xbf\xbd";
+   const std::string key =
+       TestSupport::sampleKey("ipfix_collector_messages_total",
+                              {{"tracker", "ft \"q\" \\b\nl" + bad},
+                               {"exporter", bad + bad + bad + "x" + bad + bad + bad + bad + bad +
+                                                bad + "\xc3\xa9\xe2\x82\xac\xf0\x9d\x84\x9e" + bad +
+                                                bad + bad + bad + bad + bad + bad},
+                               {"collector", "192.0.2.1:4739"}});
+   EXPECT_TRUE(parsed.samples.contains(key)) << result.out;
+}
+
 // --watch sleeps on the table until the agent changes it, then prints again.
 TEST_F(IpfixStatsTest, WatchPrintsAgainAfterEveryChange) {
    ChildProcess watch({ipfixStats, "--watch", "--json", "--table", name.str()});
@@ -232,65 +349,6 @@ TEST_F(IpfixStatsTest, WatchPrintsAgainAfterEveryChange) {
    EXPECT_EQ(end.exitCode, 0) << "an interrupted watch ends cleanly: " << end.err;
    EXPECT_EQ(end.out, "");
 }
-
-// An agent's stand-in in a process of its own: it creates the statistics
-// table `name` with one collector entry of tracker `tracker`, then runs until
-// stopped.
-class StatsWriterProcess {
- public:
-   StatsWriterProcess(const std::string& name, const std::string& tracker) {
-      int ready[2];
-      int release[2];
-      if (pipe2(ready, O_CLOEXEC) != 0 || pipe2(release, O_CLOEXEC) != 0) {
-         throw std::runtime_error("pipe");
-      }
-      pid_ = fork();
-      if (pid_ == 0) {
-         close(ready[0]);
-         close(release[1]);
-         int code = 0;
-         try {
-            const auto stats = Vorpa::Ipfix::collectorStatisticsFactory(name, 16);
-            stats->statsIs(Vorpa::Ipfix::CollectorStatisticsEntry(
-                Vorpa::Ipfix::CollectorStatisticsKey(tracker, "exp1", collector("192.0.2.1:1"))));
-            char byte = 'r';
-            static_cast<void>(write(ready[1], &byte, 1));
-            static_cast<void>(read(release[0], &byte, 1));
-         } catch (...) {
-            code = 1;
-         }
-         _exit(code);
-      }
-      close(ready[1]);
-      close(release[0]);
-      release_ = release[1];
-      char byte = 0;
-      started_ = read(ready[0], &byte, 1) == 1;
-      close(ready[0]);
-   }
-   ~StatsWriterProcess() { stop(true); }
-   StatsWriterProcess(const StatsWriterProcess&) = delete;
-   StatsWriterProcess& operator=(const StatsWriterProcess&) = delete;
-
-   bool started() const { return started_; }
-   // Ends the writer: it exits on its own, or is killed as by a crash.
-   void stop(bool killed) {
-      if (pid_ <= 0) {
-         return;
-      }
-      if (killed) {
-         kill(pid_, SIGKILL);
-      }
-      close(release_);
-      waitpid(pid_, nullptr, 0);
-      pid_ = -1;
-   }
-
- private:
-   pid_t pid_ = -1;
-   int release_ = -1;
-   bool started_ = false;
-};
 
 // A restarted agent replaces the table's segment: a watch goes on with the
 // new one and a one-shot run reads the new one, whether the old writer exited

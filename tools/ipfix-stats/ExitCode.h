@@ -16,6 +16,7 @@ enum ExitCode : int {
    exitNoAgent = 6,  // clear: no agent serves the table
    exitRefused = 7,  // clear: the agent refused the request (a tracker or exporter it lacks,
                      // a user it does not serve)
+   exitListen = 8,   // serve: cannot listen on the address (in use, not local, not allowed)
 };
 
 inline ExitCode exitCodeFor(Vorpa::MountProblem problem) {

@@ -20,18 +20,8 @@ bool isClearTime(const CollectorStatisticsEntry& e) {
 // Seconds to the millisecond; the times themselves are finer than anything a
 // consumer of the report needs.
 Json ageJson(Kel::Seconds time, Kel::Seconds now) {
-   return time == 0 ? Json(nullptr) : Json(std::round(std::max(0.0, now - time) * 1000) / 1000);
-}
-
-// The per-set slots in use.
-std::vector<CollectorSetStatisticsEntry> usedSets(const CollectorStatisticsEntry& e) {
-   std::vector<CollectorSetStatisticsEntry> sets;
-   for (const CollectorSetStatisticsEntry& set : e.setEntryStorage().used()) {
-      if (set.setId() != Vorpa::Ipfix::setIdInval) {
-         sets.push_back(set);
-      }
-   }
-   return sets;
+   const auto age = secondsSince(time, now);
+   return age ? Json(std::round(*age * 1000) / 1000) : Json(nullptr);
 }
 
 void appendCollector(std::string& out, const CollectorStatisticsEntry& e, Kel::Seconds now) {
@@ -101,8 +91,23 @@ std::vector<TrackerStats> groupEntries(std::vector<CollectorStatisticsEntry> ent
    return trackers;
 }
 
+std::vector<CollectorSetStatisticsEntry> usedSets(const CollectorStatisticsEntry& e) {
+   std::vector<CollectorSetStatisticsEntry> sets;
+   for (const CollectorSetStatisticsEntry& set : e.setEntryStorage().used()) {
+      if (set.setId() != Vorpa::Ipfix::setIdInval) {
+         sets.push_back(set);
+      }
+   }
+   return sets;
+}
+
+std::optional<Kel::Seconds> secondsSince(Kel::Seconds time, Kel::Seconds now) {
+   return time == 0 ? std::nullopt : std::optional(std::max(0.0, now - time));
+}
+
 std::string ageText(Kel::Seconds time, Kel::Seconds now) {
-   return time == 0 ? "never" : fmt::format("{:.1f} s ago", std::max(0.0, now - time));
+   const auto age = secondsSince(time, now);
+   return age ? fmt::format("{:.1f} s ago", *age) : "never";
 }
 
 std::string textReport(const TableSummary& table, const std::vector<TrackerStats>& trackers,

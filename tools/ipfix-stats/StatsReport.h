@@ -1,13 +1,15 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "Ipfix/CollectorStats.h"
 
-// The statistics grouped per tracker and exporter, and their two printed
-// forms: a text listing for people and JSON for programs.
+// The statistics grouped per tracker and exporter, and their printed forms: a
+// text listing for people and JSON for programs (OpenMetrics for monitoring
+// systems is in OpenMetricsReport.h).
 namespace IpfixStats {
 
 // Fields in the order the report builds them, not sorted by name.
@@ -31,12 +33,21 @@ struct TableSummary {
    Kel::String name;
    Kel::U32 capacity = 0;
    Kel::U64 insertsRefused = 0;
+   // Collector entries and clear times alike.
+   Kel::U64 entries = 0;
 };
 
 // Groups entries by tracker and exporter, in name order. Entries with the
 // empty collector carry clear times and become the `cleared` fields.
 std::vector<TrackerStats> groupEntries(std::vector<Vorpa::Ipfix::CollectorStatisticsEntry> entries);
 
+// The per-set counts of a collector that are in use, by set id.
+std::vector<Vorpa::Ipfix::CollectorSetStatisticsEntry> usedSets(
+    const Vorpa::Ipfix::CollectorStatisticsEntry& e);
+
+// Seconds from `time` to `now`, never negative; nullopt for time 0, which
+// the table writes for never.
+std::optional<Kel::Seconds> secondsSince(Kel::Seconds time, Kel::Seconds now);
 // "3.2 s ago", or "never" for time 0.
 std::string ageText(Kel::Seconds time, Kel::Seconds now);
 

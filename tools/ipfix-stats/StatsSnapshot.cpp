@@ -36,8 +36,9 @@ Snapshot takeSnapshot(const Vorpa::Ipfix::CollectorStatisticsReader& reader) {
       throw CorruptTable(
           fmt::format("table '{}' has {} entries left half-written", reader.name(), scan.busy));
    }
-   return Snapshot{TableSummary{reader.name(), reader.capacity(), reader.insertRefusedCount()},
-                   groupEntries(std::move(entries))};
+   const TableSummary summary{reader.name(), reader.capacity(), reader.insertRefusedCount(),
+                              entries.size()};
+   return Snapshot{summary, groupEntries(std::move(entries))};
 }
 
 }  // namespace IpfixStats
