@@ -60,7 +60,8 @@ class ElementIdColl : public Kel::Entity {
    void elementIdCollIs(const ElementId& e);
    void elementIdCollDel(RecordType type);
    void elementIdCollDelAll();
-   // The record types in insertion order.
+   // The record types in insertion order: the order of a listing of the
+   // catalogue (ipfix-agent --list-elements).
    const std::vector<RecordType>& elementIdCollKeys() const { return order_; }
 
  private:

@@ -5,6 +5,7 @@
 
 #include "AgentRuntime.h"
 #include "ConfigLoader.h"
+#include "Ipfix/IpfixSm.h"
 #include "Kel/Exception.h"
 #include "Kel/Trace.h"
 #include "Trace/Duplog.h"
@@ -20,6 +21,19 @@ constexpr int exitOk = 0;
 constexpr int exitFailure = 1;
 constexpr int exitBadConfig = 2;
 
+// The catalogue in its order: what the fields of a flow group may name, and
+// how each goes into a template.
+void printElements() {
+   const auto catalogue = Ipfix::ipfixInitSmFactory()->elementIdCollection();
+   std::printf("%-28s %5s %6s %s\n", "element", "id", "length", "enterprise");
+   for (const Ipfix::RecordType type : catalogue->elementIdCollKeys()) {
+      const Ipfix::ElementId e = catalogue->elementIdColl(type);
+      const Kel::String length = e.len() == 65535 ? "varlen" : std::to_string(e.len());
+      std::printf("%-28s %5u %6s %s\n", e.str().c_str(), static_cast<unsigned>(e.id()),
+                  length.c_str(), e.enterpriseIe() ? "yes" : "no");
+   }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -32,8 +46,11 @@ int main(int argc, char** argv) {
    Kel::String statsTable;
    std::optional<Kel::String> controlSocket;
    bool checkOnly = false;
+   bool listElements = false;
    app.add_option("-c,--config", configPath, "Configuration file (YAML)")->check(CLI::ExistingFile);
    app.add_flag("--check", checkOnly, "Validate the configuration file and exit: 0 valid, 2 not");
+   app.add_flag("--list-elements", listElements,
+                "List the information elements a flow group's fields may name, and exit");
    app.add_option("--trace", traceSpec, "Trace levels, e.g. Ipfix/4,Bexa/1 (as IPFIX_TRACE)");
    app.add_option("--trace-file", traceFile, "Write the text trace to this file, not stderr");
    app.add_option("--stats-table", statsTable,
@@ -45,6 +62,10 @@ int main(int argc, char** argv) {
    CLI11_PARSE(app, argc, argv);
    TraceSinks::installDefaults();
 
+   if (listElements) {
+      printElements();
+      return exitOk;
+   }
    if (configPath.empty()) {
       std::fprintf(stderr, "ipfix-agent: --config is required\n%s", app.help().c_str());
       return exitFailure;
