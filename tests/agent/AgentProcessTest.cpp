@@ -11,6 +11,7 @@
 #include "Ipfix/CollectorStats.h"
 #include "Vorpa/Segment.h"
 #include "support/LoopbackCollector.h"
+#include "support/ScopedTableName.h"
 #include "support/ScopedRuntimeDirectory.h"
 #include "support/UdpReceiver.h"
 
@@ -75,7 +76,7 @@ bool allTables(const std::vector<IpfixCollect::DecodedMessage>& messages) {
 TEST(AgentProcess, ExportsReloadsAndStopsCleanly) {
    using C = TestSupport::LoopbackCollector;
    const TestSupport::ScopedRuntimeDirectory runtime;
-   const std::string table = "ipfix-agent-test-" + std::to_string(getpid());
+   const TestSupport::ScopedTableName table("agent");
    const std::string path = tempPath("agent.yaml");
    C c1(false), c2(false);
    TestSupport::UdpReceiver& rx1 = c1.receiver();
@@ -131,7 +132,6 @@ TEST(AgentProcess, ExportsReloadsAndStopsCleanly) {
    std::size_t entries = 0;
    stats.forEach([&](const auto&, const auto&) { ++entries; });
    EXPECT_EQ(entries, 0u);
-   Vorpa::Segment::remove(table);
    unlink(path.c_str());
 }
 
@@ -174,7 +174,7 @@ std::string edgeConfig(const Edge& e, int port) {
 
 TEST(AgentProcess, LargestAcceptedConfigurationRunsWithoutASourceAddress) {
    using C = TestSupport::LoopbackCollector;
-   const std::string table = "ipfix-agent-edge-" + std::to_string(getpid());
+   const TestSupport::ScopedTableName table("edge");
    const std::string path = tempPath("edge.yaml");
    C collector(false);
    const int port = collector.receiver().port();
@@ -211,7 +211,6 @@ TEST(AgentProcess, LargestAcceptedConfigurationRunsWithoutASourceAddress) {
    EXPECT_TRUE(agent.running());
    agent.signal(SIGTERM);
    EXPECT_EQ(agent.wait(), 0);
-   Vorpa::Segment::remove(table);
    unlink(path.c_str());
 }
 
