@@ -6,6 +6,7 @@
 # folders of every library sit under one root.
 
 set(IPFIX_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/ipfix-exporter)
+set(IPFIX_INSTALL_LIBDIR ${CMAKE_INSTALL_LIBDIR}/ipfix-exporter)
 
 # Makes <target>'s include root of <folder>... (relative to the source tree).
 function(ipfix_include_root target)
@@ -25,7 +26,7 @@ function(ipfix_include_root target)
                                                  $<INSTALL_INTERFACE:${IPFIX_INSTALL_INCLUDEDIR}>)
 endfunction()
 
-# A library of the embeddable set (platform, model, the export library) from
+# A library of the installed set (platform, model, the export library) from
 # every .cpp of its folders, so that adding a source pair needs no build edit;
 # header-only folders make an interface library. PUBLIC names what its headers
 # include, PRIVATE what only its sources do.
@@ -42,9 +43,16 @@ function(ipfix_library name)
       # Build-only: the warnings are ours, not the embedding program's.
       target_link_libraries(${name} PUBLIC ${LIB_PUBLIC}
                                     PRIVATE ${LIB_PRIVATE} $<BUILD_INTERFACE:ipfix_warnings>)
+      set_property(GLOBAL APPEND PROPERTY IPFIX_ARCHIVES ${name})
    else()
       add_library(${name} INTERFACE)
       target_link_libraries(${name} INTERFACE ${LIB_PUBLIC})
    endif()
    ipfix_include_root(${name} ${LIB_FOLDERS})
+
+   install(TARGETS ${name} EXPORT IpfixExporterTargets ARCHIVE DESTINATION ${IPFIX_INSTALL_LIBDIR})
+   foreach(folder ${LIB_FOLDERS})
+      install(DIRECTORY ${PROJECT_SOURCE_DIR}/${folder} DESTINATION ${IPFIX_INSTALL_INCLUDEDIR}
+              FILES_MATCHING PATTERN "*.h")
+   endforeach()
 endfunction()
