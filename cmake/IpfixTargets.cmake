@@ -3,7 +3,9 @@
 # only its own folders, so that code that includes a folder of a library it
 # does not link fails to compile: in the build tree each target has an include
 # root of its own that holds a link to each of its folders; installed, the
-# folders of every library sit under one root.
+# folders of every library sit under one root. The headers are the target's
+# header set, so that CMAKE_VERIFY_INTERFACE_HEADER_SETS (the release preset)
+# compiles each on its own with only what the target links.
 
 set(IPFIX_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/ipfix-exporter)
 set(IPFIX_INSTALL_LIBDIR ${CMAKE_INSTALL_LIBDIR}/ipfix-exporter)
@@ -21,6 +23,8 @@ function(ipfix_include_root target)
    foreach(folder ${ARGN})
       cmake_path(GET folder FILENAME leaf)
       file(CREATE_LINK ${PROJECT_SOURCE_DIR}/${folder} ${root}/${leaf} SYMBOLIC)
+      file(GLOB headers CONFIGURE_DEPENDS ${root}/${leaf}/*.h)
+      target_sources(${target} ${scope} FILE_SET HEADERS BASE_DIRS ${root} FILES ${headers})
    endforeach()
    target_include_directories(${target} ${scope} $<BUILD_INTERFACE:${root}>
                                                  $<INSTALL_INTERFACE:${IPFIX_INSTALL_INCLUDEDIR}>)
@@ -50,9 +54,7 @@ function(ipfix_library name)
    endif()
    ipfix_include_root(${name} ${LIB_FOLDERS})
 
-   install(TARGETS ${name} EXPORT IpfixExporterTargets ARCHIVE DESTINATION ${IPFIX_INSTALL_LIBDIR})
-   foreach(folder ${LIB_FOLDERS})
-      install(DIRECTORY ${PROJECT_SOURCE_DIR}/${folder} DESTINATION ${IPFIX_INSTALL_INCLUDEDIR}
-              FILES_MATCHING PATTERN "*.h")
-   endforeach()
+   install(TARGETS ${name} EXPORT IpfixExporterTargets
+           ARCHIVE DESTINATION ${IPFIX_INSTALL_LIBDIR}
+           FILE_SET HEADERS DESTINATION ${IPFIX_INSTALL_INCLUDEDIR})
 endfunction()
