@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 600
 FUZZ_TARGETS = config_loader stats_reader message_builder
 
-.PHONY: demo test build bootstrap bench fuzz format clean
+.PHONY: demo test build bootstrap package bench fuzz format clean
 
 bootstrap:
 	@scripts/bootstrap
@@ -33,6 +33,10 @@ test: build
 	   [ -n "$$total" ] || { total=0; bad=1; }; \
 	   passed=$$((passed + total - bad)); failed=$$((failed + bad)); \
 	done; echo "summary: $$passed passed, $$failed failed"; [ $$failed -eq 0 ]
+
+# The Debian package of the release build, in build/release.
+package: bootstrap
+	@cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS) --target package
 
 # A long run of each fuzz target, one after the other; the corpus grows in
 # build/fuzz/tests/fuzz/<target>/corpus across runs, and a failing input is

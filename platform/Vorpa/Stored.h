@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <functional>
 #include <type_traits>
+#include <utility>
 
 #include "Vorpa/Fingerprint.h"
 #include "Vorpa/Layout.h"
