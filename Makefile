@@ -6,7 +6,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 600
 FUZZ_TARGETS = config_loader stats_reader message_builder
 
-.PHONY: demo test build bootstrap package bench fuzz format clean
+.PHONY: demo test build bootstrap package bench fuzz format format-check lint clean
 
 bootstrap:
 	@scripts/bootstrap
@@ -23,7 +23,7 @@ build: bootstrap
 	   cmake --preset $$p >/dev/null && cmake --build --preset $$p -j $(JOBS) || exit 1; \
 	done
 
-test: build
+test: format-check build
 	@passed=0; failed=0; for p in $(PRESETS); do \
 	   echo "== ctest ($$p) =="; \
 	   ctest --preset $$p -j $(JOBS) | tee build/ctest-$$p.log; \
@@ -55,6 +55,17 @@ bench: bootstrap
 
 format:
 	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+# Fails, naming the files, when any C++ file is not as clang-format writes it.
+format-check: bootstrap
+	@git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run -Werror
+
+# The format check, then clang-tidy (.clang-tidy) over the release build's
+# sources and, through them, our headers.
+lint: format-check
+	@cmake --preset release >/dev/null && cmake --build --preset release -j $(JOBS)
+	@git ls-files 'platform/*.cpp' 'model/*.cpp' 'Ipfix/*.cpp' 'control/*.cpp' 'agent/*.cpp' \
+	   'tools/*.cpp' | xargs clang-tidy -p build/release --quiet
 
 clean:
 	rm -rf build

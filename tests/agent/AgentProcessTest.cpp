@@ -11,8 +11,8 @@
 #include "Ipfix/CollectorStats.h"
 #include "Vorpa/Segment.h"
 #include "support/LoopbackCollector.h"
-#include "support/ScopedTableName.h"
 #include "support/ScopedRuntimeDirectory.h"
+#include "support/ScopedTableName.h"
 #include "support/UdpReceiver.h"
 
 namespace {
