@@ -1,22 +1,34 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <memory>
 
+#include "Bexa/TaskScheduler.h"
 #include "FlowTracking/ConfigReq.h"
+#include "HwFlowTracking/Config.h"
 #include "HwFlowTracking/Status.h"
 #include "Ipfix/CollectorStats.h"
+#include "Ipfix/FlowTrackerInfoSm.h"
 #include "Ipfix/FlowTrackerTemplateSm.h"
+#include "Ipfix/IpfixSm.h"
 #include "Ipfix/OptionsTemplate.h"
-#include "TrackingTreeFixture.h"
+#include "Kel/System.h"
 #include "support/LoopbackCollector.h"
 
-// The tracking tree plus what template export needs: hardware status with
-// flow groups, a statistics table, the template machine of the type, and
-// collectors on loopback that decode what they receive with libfixbuf.
-class ExportFixture : public TrackingTreeFixture {
+// A hardware flow-tracking configuration and status, the tracking tree and
+// template machines built over them the way the agent builds them, a
+// statistics table, a scheduler in virtual time, and collectors on loopback
+// that decode what they receive with libfixbuf.
+class ExportFixture : public ::testing::Test {
  protected:
    using Field = std::pair<Ipfix::RecordType, bool>;  // the field and whether it is a flow key
 
+   ~ExportFixture() override { Nivel::UdpPam::faultsIs({}); }
+
+   void start() {
+      sm_ = FlowTracking::flowTrackingInfoSmFactory(sched_, hwConfig_, ftInfo_, init_->agentInfo());
+   }
    void startTemplates() {
       if (!sm_) {
          start();
@@ -25,6 +37,12 @@ class ExportFixture : public TrackingTreeFixture {
                                                     stats_, ftInfo_, init_->elementIdCollection());
    }
 
+   Kel::Ptr<HwFlowTracking::FtConfig> addTracker(const Kel::Name& name, Kel::U32 ftId = 1) {
+      auto t = Kel::makeActive<HwFlowTracking::FtConfig>(name);
+      t->ftIdIs(ftId);
+      hwConfig_->hwFtConfigIs(t);
+      return t;
+   }
    Kel::Ptr<HwFlowTracking::FtStatus> addStatus(const Kel::Name& tracker) {
       auto s = Kel::makeActive<HwFlowTracking::FtStatus>(tracker);
       hwStatus_->hwFtStatusIs(s);
@@ -33,10 +51,8 @@ class ExportFixture : public TrackingTreeFixture {
 
    // A flow group as the hardware reports it, its entries completed from the
    // catalogue.
-   Kel::Ptr<HwFlowTracking::FgStatus> addFlowGroup(const Kel::Name& tracker,
-                                                   HwFlowTracking::TemplateId id,
-                                                   Kel::U32 entryCount,
-                                                   const std::vector<Field>& fields) {
+   void addFlowGroup(const Kel::Name& tracker, HwFlowTracking::TemplateId id, Kel::U32 entryCount,
+                     const std::vector<Field>& fields) {
       auto fg = Kel::makeActive<HwFlowTracking::FgStatus>(id);
       fg->entryCountIs(entryCount);
       fg->fieldCountIs(static_cast<Kel::U16>(fields.size()));
@@ -47,9 +63,14 @@ class ExportFixture : public TrackingTreeFixture {
          fg->templateEntryIs(e);
       }
       hwStatus_->hwFtStatus(tracker)->hwFgStatusIs(fg);
-      return fg;
    }
 
+   Kel::Ptr<HwFlowTracking::ExporterConfig> addExporter(const Kel::Name& tracker,
+                                                        const Kel::Name& name) {
+      auto e = Kel::makeActive<HwFlowTracking::ExporterConfig>(name);
+      hwConfig_->hwFtConfig(tracker)->expConfigIs(e);
+      return e;
+   }
    // A ready exporter: resolved, with source addresses on loopback.
    Kel::Ptr<HwFlowTracking::ExporterConfig> addReadyExporter(const Kel::Name& tracker,
                                                              const Kel::Name& name) {
@@ -61,17 +82,28 @@ class ExportFixture : public TrackingTreeFixture {
       hwConfig_->hwFtConfig(tracker)->expConfigIs(e);
       return e;
    }
-
-   TestSupport::LoopbackCollector& collector(bool ipv6) {
-      collectors_.push_back(std::make_unique<TestSupport::LoopbackCollector>(ipv6));
-      return *collectors_.back();
+   Kel::Ptr<FlowTracking::ExporterInfo> exporterInfo(const Kel::Name& tracker,
+                                                     const Kel::Name& exporter) const {
+      const auto t = ftInfo_->ftInfo(tracker);
+      return t ? t->expInfo(exporter) : nullptr;
    }
 
+   TestSupport::LoopbackCollector& collector(bool ipv6) {
+      return *collectors_.emplace_back(std::make_unique<TestSupport::LoopbackCollector>(ipv6));
+   }
+
+   Kel::ScopedManualClock clock_;
+   Kel::Ptr<Bexa::TaskSchedulerRoot> sched_ = Kel::makePtr<Bexa::TaskSchedulerRoot>();
+   Kel::Ptr<Ipfix::IpfixInitSm> init_ = Ipfix::ipfixInitSmFactory();
+   Kel::Ptr<HwFlowTracking::Config> hwConfig_ = Kel::makeActive<HwFlowTracking::Config>();
    Kel::Ptr<HwFlowTracking::Status> hwStatus_ = Kel::makeActive<HwFlowTracking::Status>();
    Kel::Ptr<FlowTracking::ConfigReq> configReq_ = Kel::makeActive<FlowTracking::ConfigReq>();
+   Kel::Ptr<FlowTracking::FlowTrackingInfo> ftInfo_ =
+       Kel::makeActive<FlowTracking::FlowTrackingInfo>(FlowTracking::FlowTrackingType::hardware);
    Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> stats_ =
        Kel::makeActive<Vorpa::Ipfix::CollectorStatistics>(
            "stats", Vorpa::Ipfix::CollectorStatisticsTable::createAnonymous("stats", 64));
+   Kel::Ptr<FlowTracking::FlowTrackingInfoSm> sm_;
    Kel::Ptr<FlowTracking::TemplateSm> templateSm_;
    std::vector<std::unique_ptr<TestSupport::LoopbackCollector>> collectors_;
 };

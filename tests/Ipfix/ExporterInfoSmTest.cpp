@@ -4,17 +4,24 @@
 #include <cstring>
 #include <functional>
 
+#include "ExportFixture.h"
 #include "Ipfix/FlowTrackerInfoSm.h"
 #include "Ipfix/FlowTrackerPktTxUtil.h"
 #include "Kel/Log.h"
 #include "Kel/Trace.h"
-#include "TrackingTreeFixture.h"
 #include "support/UdpReceiver.h"
 
 namespace {
 
-class ExporterTest : public TrackingTreeFixture {
+class ExporterTest : public ExportFixture {
  public:
+   static Nivel::IpAndPort v4(const char* text) { return *Nivel::IpAndPort::parse(text); }
+   static Nivel::Ip6AndPort v6(const char* text) { return *Nivel::Ip6AndPort::parse(text); }
+   Kel::Ptr<FlowTracking::ExporterInfoSm> exporterSm(const Kel::Name& tracker,
+                                                     const Kel::Name& exporter) const {
+      const auto t = sm_->ftInfoSm(tracker);
+      return t ? t->expInfoSm(exporter) : nullptr;
+   }
    void SetUp() override {
       addTracker("t1");
       exp_ = addExporter("t1", "e1");
@@ -35,30 +42,6 @@ class ExporterTest : public TrackingTreeFixture {
 
    Kel::Ptr<HwFlowTracking::ExporterConfig> exp_;
 };
-
-TEST_F(ExporterTest, SocketsAndCollectorRecordsComeFromTheManagementTask) {
-   start();
-   EXPECT_EQ(info()->udpPam4(), nullptr);
-   EXPECT_TRUE(info()->collInfo().empty());
-   EXPECT_EQ(sched_->readyCount(), 1u);
-   EXPECT_EQ(exporterSm("t1", "e1")->pamManagementTask()->name(), "PamManagementTask-t1-e1");
-
-   sched_->runFor(0);
-   ASSERT_TRUE(info()->udpPam4());
-   ASSERT_TRUE(info()->udpPam6());
-   EXPECT_EQ(info()->udpPam4()->mode(), 1);
-   EXPECT_FALSE(info()->udpPam4()->ipv6En());
-   EXPECT_TRUE(info()->udpPam6()->ipv6En());
-   EXPECT_EQ(info()->udpPam6()->txPrio(), 2u);
-   EXPECT_EQ(collectorNames(), (std::vector<Kel::String>{"c1", "c2", "c3"}));
-   EXPECT_EQ(info()->collInfo("c3")->ipfixMsgSeqNo().value(), 0u);
-   EXPECT_FALSE(info()->collInfo("c3")->optTemplateSent());
-
-   // Run outside its task, the handler leaves the open sockets alone.
-   const auto pam4 = info()->udpPam4();
-   exporterSm("t1", "e1")->handlePamManagementTask();
-   EXPECT_EQ(info()->udpPam4(), pam4);
-}
 
 TEST_F(ExporterTest, CollectorRecordKeepsItsSequenceWhileAnyMapHasTheName) {
    start();

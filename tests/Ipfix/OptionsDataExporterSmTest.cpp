@@ -137,26 +137,6 @@ TEST_F(OptionsDataExportTest, FullTablesReachEveryCollectorAfterItsOptionsTempla
    EXPECT_EQ(entry->exportedMessageTotalCount(), 1u + msgCount) << "options templates, then data";
 }
 
-TEST_F(OptionsDataExportTest, OneCachedMessageCarriesEachCollectorsOwnSequence) {
-   fill(3);
-   startExporter();
-   sched_->runFor(0);
-   optionsData(c4_);
-   optionsData(c6_);
-   exporterInfo("t1", "e1")->collInfo("c6")->ipfixMsgSeqNoIs(Ipfix::IpfixMsgSeqNo(1000));
-   sched_->runFor(300);  // the default active interval: one periodic transmission
-   const auto d4 = optionsData(c4_);
-   const auto d6 = optionsData(c6_);
-   ASSERT_EQ(d4.size(), 1u);
-   ASSERT_EQ(d6.size(), 1u);
-   EXPECT_EQ(d4[0].sequenceNumber(), 3u);
-   EXPECT_EQ(d6[0].sequenceNumber(), 1000u);
-   EXPECT_EQ(
-       std::vector<Kel::U8>(d4[0].datagram.payload.begin() + 12, d4[0].datagram.payload.end()),
-       std::vector<Kel::U8>(d6[0].datagram.payload.begin() + 12, d6[0].datagram.payload.end()));
-   EXPECT_EQ(exporter_->msgCacheBuildCount(), 1u);
-}
-
 TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessage) {
    fill(2);
    startExporter();
@@ -275,42 +255,6 @@ TEST_F(OptionsDataExportTest, PeriodicTransmissionDiscardsQueuedUpdates) {
    sched_->runFor(1.0);
    EXPECT_TRUE(optionsData(c4_).empty()) << "the discarded update is not sent";
    EXPECT_EQ(exporter_->msgCacheBuildCount(), 2u);
-}
-
-TEST_F(OptionsDataExportTest, ReaddressedCollectorIsReadmittedWithFullTables) {
-   fill(4);
-   startExporter();
-   sched_->runFor(0);
-   optionsData(c4_);
-   optionsData(c6_);
-   auto& moved = collector(false);
-   exp_->collectorIpAndPortIs("c4", moved.receiver().ipAndPort());
-   sched_->runFor(0);
-   EXPECT_EQ(sorted(records(optionsData(moved))), expectedTable(4));
-   EXPECT_TRUE(optionsData(c4_).empty());
-   EXPECT_TRUE(optionsData(c6_).empty()) << "only the readdressed collector is sent to";
-}
-
-// The managers create every source before the exporters that read them; a
-// source that comes or goes under a running exporter is a bug.
-TEST_F(OptionsDataExportTest, SourcesAreFixedOnceTheExporterRuns) {
-   fill(1);
-   startExporter();
-   EXPECT_EQ(thrownText([&] { global_->sourceIs("VrfTable", intfSetId + 1); }),
-             "data source changed after init!");
-   EXPECT_EQ(thrownText([&] { global_->sourceDel("InterfaceTable"); }),
-             "data source changed after init!");
-}
-
-TEST_F(OptionsDataExportTest, NoCollectorsStopsThePeriodicTask) {
-   fill(1);
-   startExporter();
-   sched_->runFor(0);
-   EXPECT_TRUE(exporter_->txPeriodicTask().taskScheduled());
-   exp_->collectorIpAndPortDel("c4");
-   exp_->collectorIp6AndPortDel("c6");
-   EXPECT_FALSE(exporter_->txPeriodicTask().taskScheduled());
-   EXPECT_TRUE(exporter_->collector().empty());
 }
 
 TEST_F(OptionsDataExportTest, FailingCollectorDoesNotStopTheOthers) {

@@ -6,7 +6,6 @@
 #include "FlowTracking/Constants.h"
 #include "Ipfix/MessageRun.h"
 #include "Ipfix/OptionsDataManagerSm.h"
-#include "Kel/Trace.h"
 #include "Kel/TypeRegistry.h"
 #include "support/LoopbackCollector.h"
 
@@ -84,43 +83,6 @@ TEST_F(OptionsDataManagerTest, TrackerExistsWhileConfigurationStatusAndRecordAll
          previous = ft;
       }
    }
-}
-
-TEST_F(OptionsDataManagerTest, TrackersShareTheGlobalSourcesAndOwnTheirs) {
-   for (const char* t : {"t1", "t2"}) {
-      addTracker(t);
-      addStatus(t);
-      ftInfo_->ftInfoIs(t);
-   }
-   startManager();
-   const auto& all = manager_->dataAll();
-   EXPECT_EQ(all->globalData()->source("InterfaceTable")->dataSetId(),
-             setIdOf(StaticTemplateId::intfTable));
-   EXPECT_EQ(all->globalData()->source("VrfTable")->dataSetId(),
-             setIdOf(StaticTemplateId::vrfTable));
-   for (const char* t : {"t1", "t2"}) {
-      SCOPED_TRACE(t);
-      const auto c = manager_->dataContainer(t);
-      ASSERT_NE(c, nullptr);
-      EXPECT_EQ(c->data(OptionsDataScope::scopeGlobal), all->globalData());
-      EXPECT_EQ(c->update(OptionsDataScope::scopeGlobal), all->globalUpdate());
-      EXPECT_EQ(c->data(OptionsDataScope::scopeTracker), all->trackerData(t)->data());
-      EXPECT_EQ(c->update(OptionsDataScope::scopeTracker), all->trackerData(t)->update());
-      EXPECT_EQ(c->data(OptionsDataScope::scopeTracker)->source().size(), 2u);
-   }
-   EXPECT_NE(manager_->dataContainer("t1")->data(OptionsDataScope::scopeTracker),
-             manager_->dataContainer("t2")->data(OptionsDataScope::scopeTracker));
-
-   // A tracker that goes takes its sources along and leaves the other's.
-   const auto t1Data = manager_->dataContainer("t1")->data(OptionsDataScope::scopeTracker);
-   Kel::TraceCapture capture("Ipfix", 3);
-   hwStatus_->hwFtStatusDel("t1");
-   EXPECT_TRUE(t1Data->source().empty());
-   EXPECT_TRUE(capture.contains("Deleted FlowKeySm for t1"));
-   EXPECT_TRUE(capture.contains("Deleted FlowTrackerTableSm for t1"));
-   EXPECT_EQ(manager_->dataContainer("t2")->data(OptionsDataScope::scopeTracker)->source().size(),
-             2u);
-   EXPECT_EQ(all->globalData()->source().size(), 2u);
 }
 
 TEST_F(OptionsDataManagerTest, ExporterExistsWhileConfigurationAndRecordDo) {

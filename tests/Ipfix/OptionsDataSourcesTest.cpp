@@ -11,7 +11,6 @@
 #include "Ipfix/OptionsDataSourceIntfTableSm.h"
 #include "Ipfix/OptionsDataSourceVrfTableSm.h"
 #include "Kel/System.h"
-#include "Kel/Trace.h"
 #include "support/ThrownText.h"
 
 namespace {
@@ -140,18 +139,6 @@ TEST_F(FlowKeyTest, IndicatorBitsFollowPositionsIn32BitsSignExtended) {
    EXPECT_EQ(sm->makeDataRecord(999), nullptr) << "absent template";
 }
 
-TEST_F(FlowKeyTest, MixedFamiliesAreTracedAndGetNoRecord) {
-   Kel::TraceCapture capture("Ipfix", 3);
-   status_->hwFgStatusIs(
-       flowGroup(300, {{0, R::sourceIPv4Address, true}, {1, R::destinationIPv6Address, true}}));
-   status_->hwFgStatusIs(flowGroup(301, {{0, R::sourceIPv4Address, true}}));
-   const auto sm = start();
-   EXPECT_TRUE(capture.contains("AF mismatch at field: destinationIPv6Address"));
-   EXPECT_TRUE(capture.contains("templateId: 300, NO record (incomplete template)"));
-   EXPECT_EQ(sm->dataRecords(), 1u);
-   EXPECT_EQ(su_.source->dataRecord().size(), 1u);
-}
-
 // Start publishes silently; later changes announce the new record, a removal
 // announces nothing; every change moves the source's version.
 TEST_F(FlowKeyTest, FollowsFlowGroupsAndAnnouncesOnlyNewRecords) {
@@ -208,19 +195,6 @@ class FlowTrackerTableTest : public ::testing::Test {
    Kel::Ptr<HwFlowTracking::FtStatus> ftStatus_ = Kel::makeActive<HwFlowTracking::FtStatus>("ft1");
 };
 
-TEST_F(FlowTrackerTableTest, EncodesTheTrackerFieldByField) {
-   ftConfig_->ftIdIs(5);
-   ftStatus_->activeIntervalIs(300);
-   ftStatus_->inactiveTimeoutIs(15.7);
-   hwStatus_->sampleRateIs(1024);
-   EXPECT_EQ(bytesOf(start()->makeDataRecord()),
-             octets({0, 0, 0, 5, 3, 'f', 't', '1', 0x01, 0x2C, 0, 0x0F,
-                     0, 3, 0, 0, 0, 1,   0,   0,   0x04, 0,    0, 1}));
-   EXPECT_EQ(bytesOf(start(false)->makeDataRecord()),
-             octets({0, 0, 0, 0, 0, 0x01, 0x2C, 0, 0x0F, 0, 3, 0, 0, 0, 1, 0, 0, 0x04, 0, 0, 1}))
-       << "no configuration: id 0 and an empty name";
-}
-
 TEST_F(FlowTrackerTableTest, TimeoutsMustFitSixteenBits) {
    const auto sm = start();
    ftStatus_->activeIntervalIs(65534);
@@ -272,18 +246,6 @@ class VrfTableTest : public ::testing::Test {
    Kel::Ptr<Vrf::VrfIdMap::Status> status_ =
        Vrf::VrfIdMap::statusFactory(Vrf::VrfIdMap::Reader::attach(table_));
 };
-
-TEST_F(VrfTableTest, EncodesIdAndNameAndAllowsAnEmptyName) {
-   const auto sm = start();
-   EXPECT_EQ(bytesOf(sm->makeDataRecord(0xFFFFFF, "")), octets({0, 0xFF, 0xFF, 0xFF, 0}));
-   EXPECT_EQ(bytesOf(sm->makeDataRecord(7, "blue")), withText({0, 0, 0, 7, 4}, "blue"));
-   EXPECT_EQ(thrownText([&] { sm->makeDataRecord(1, std::string(255, 'v')); }),
-             "vrfName.bytes() < 255");
-   EXPECT_EQ(thrownText<Kel::RangeException>([&] { vrfIs(1, std::string(101, 'v')); }),
-             "VrfName::bytes > VrfName::maxLength not allowed");
-   EXPECT_EQ(thrownText<Kel::RangeException>([&] { vrfIs(1, std::string(100, 'v')); }),
-             "(nothing thrown)");
-}
 
 TEST_F(VrfTableTest, FollowsTheSharedMapOneVrfOrAllAtOnce) {
    vrfIs(1, "blue");
