@@ -1,15 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstring>
 #include <functional>
 
 #include "ExportFixture.h"
 #include "Ipfix/FlowTrackerInfoSm.h"
-#include "Ipfix/FlowTrackerPktTxUtil.h"
 #include "Kel/Log.h"
 #include "Kel/Trace.h"
-#include "support/UdpReceiver.h"
 
 namespace {
 
@@ -210,31 +207,6 @@ TEST_F(ExporterTest, SocketOpenFailureLeavesOnlyThatExporterInactive) {
    const auto other = exporterInfo("t1", "e2");
    ASSERT_TRUE(other->udpPam4());
    ASSERT_TRUE(other->udpPam6());
-}
-
-TEST_F(ExporterTest, SendPathWritesSourceDestinationAndUnshiftedTos) {
-   TestSupport::UdpReceiver rx4(false), rx6(true);
-   start();
-   sched_->runFor(0);
-   auto pkt = Nivel::Pkt::pktNew(32);
-   std::memcpy(pkt->append(6), "IPFIX!", 6);
-
-   FlowTracking::sendPkt4(pkt, info()->udpPam4(), *Nivel::IpAddr::parse("127.0.0.9"),
-                          rx4.ipAndPort(), 0xB8);
-   FlowTracking::sendPkt6(pkt, info()->udpPam6(), *Nivel::Ip6Addr::parse("::1"), rx6.ip6AndPort(),
-                          0x2E);
-   sched_->runFor(0);
-   const auto d4 = rx4.receive();
-   const auto d6 = rx6.receive();
-   ASSERT_TRUE(d4 && d6);
-   EXPECT_EQ(std::string(d4->payload.begin(), d4->payload.end()), "IPFIX!");
-   EXPECT_EQ(d4->source.str(), "127.0.0.9");
-   EXPECT_EQ(d4->sourcePort, info()->udpPam4()->rxPort());
-   EXPECT_EQ(d4->tos, 0xB8);
-   EXPECT_EQ(d6->payload, d4->payload);
-   EXPECT_EQ(d6->source.str(), "::1");
-   EXPECT_EQ(d6->sourcePort, info()->udpPam6()->rxPort());
-   EXPECT_EQ(d6->tos, 0x2E);
 }
 
 }  // namespace

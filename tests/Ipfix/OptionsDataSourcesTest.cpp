@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -9,7 +8,6 @@
 #include "Ipfix/OptionsDataSourceFlowKeySm.h"
 #include "Ipfix/OptionsDataSourceFlowTrackerTableSm.h"
 #include "Ipfix/OptionsDataSourceIntfTableSm.h"
-#include "Ipfix/OptionsDataSourceVrfTableSm.h"
 #include "Kel/System.h"
 #include "support/ThrownText.h"
 
@@ -35,15 +33,6 @@ Bytes bytesOf(const DataRecordPtr& record) {
 
 Bytes withText(std::initializer_list<int> head, const std::string& text) {
    return octets(head) + text;
-}
-
-// The octets of every record a source holds, in no particular order.
-std::multiset<Bytes> contents(const FlowTracking::OptionsDataSource& source) {
-   std::multiset<Bytes> all;
-   for (const auto& r : source.dataRecord()) {
-      all.insert(bytesOf(r));
-   }
-   return all;
 }
 
 Bytes intfRecord(Kel::U32 index, const std::string& name) {
@@ -139,41 +128,6 @@ TEST_F(FlowKeyTest, IndicatorBitsFollowPositionsIn32BitsSignExtended) {
    EXPECT_EQ(sm->makeDataRecord(999), nullptr) << "absent template";
 }
 
-// Start publishes silently; later changes announce the new record, a removal
-// announces nothing; every change moves the source's version.
-TEST_F(FlowKeyTest, FollowsFlowGroupsAndAnnouncesOnlyNewRecords) {
-   status_->hwFgStatusIs(flowGroup(256, {{0, R::sourceIPv4Address, true}}));
-   const auto sm = start();
-   EXPECT_EQ(su_.update->version(), 0u);
-   EXPECT_EQ(su_.source->version(), 1u);
-   EXPECT_EQ(su_.source->dataRecord().size(), 1u);
-
-   const auto fg = flowGroup(257, {{0, R::sourceIPv6Address, true}});
-   status_->hwFgStatusIs(fg);
-   EXPECT_EQ(su_.update->version(), 1u);
-   EXPECT_EQ(su_.update->dataSetId(), FlowTracking::FlowKeySm::setId());
-   EXPECT_EQ(su_.update->dataRecord(), sm->dataRecord().at(257));
-   EXPECT_EQ(su_.source->version(), 2u);
-
-   // The hardware rewrites the layout and moves its generation.
-   auto key = Kel::makeActive<HwFlowTracking::FtTemplateEntry>(1, R::destinationIPv6Address);
-   key->flowKeyIs(true);
-   fg->templateEntryIs(key);
-   EXPECT_EQ(su_.update->version(), 1u) << "only a new generation counts";
-   fg->genIdIs(1);
-   EXPECT_EQ(su_.update->version(), 2u);
-   EXPECT_EQ(bytesOf(su_.update->dataRecord()), octets({0x01, 0x01, 0, 0, 0, 0, 0, 0, 0, 0x03}));
-   EXPECT_EQ(contents(*su_.source), (std::multiset<Bytes>{bytesOf(sm->dataRecord().at(256)),
-                                                          bytesOf(sm->dataRecord().at(257))}));
-
-   status_->hwFgStatusDel(257);
-   EXPECT_EQ(su_.update->version(), 2u);
-   EXPECT_EQ(su_.source->dataRecord().size(), 1u);
-   EXPECT_EQ(su_.source->version(), 4u);
-   fg->genIdIs(2);
-   EXPECT_EQ(su_.source->version(), 4u) << "a removed group is no longer watched";
-}
-
 // ---------------------------------------------------------------------------
 // Flow-tracker table
 
@@ -227,55 +181,6 @@ TEST_F(InterfaceTableTest, NamesMustBeShortFormAndNotEmpty) {
    EXPECT_EQ(thrownText([&] { sm->makeDataRecord(std::string(255, 'x'), 1); }),
              "intfNameLen < 255");
    EXPECT_EQ(thrownText([&] { sm->makeDataRecord("", 1); }), "pos + sizeof( U8 ) < max");
-}
-
-// ---------------------------------------------------------------------------
-// VRF table
-
-class VrfTableTest : public ::testing::Test {
- protected:
-   Kel::Ptr<FlowTracking::VrfTableSm> start() {
-      return Kel::makePtr<FlowTracking::VrfTableSm>(su_.source, su_.update, status_);
-   }
-   void vrfIs(Kel::U32 id, const std::string& name) {
-      table_.entryIs(id, Vrf::VrfIdMap::VrfName(name));
-   }
-
-   SourceAndUpdate su_{OptionsDataScope::scopeGlobal, FlowTracking::VrfTableSm::setId()};
-   Vrf::VrfIdMap::Table table_ = Vrf::VrfIdMap::Table::createAnonymous("vrfs", 64);
-   Kel::Ptr<Vrf::VrfIdMap::Status> status_ =
-       Vrf::VrfIdMap::statusFactory(Vrf::VrfIdMap::Reader::attach(table_));
-};
-
-TEST_F(VrfTableTest, FollowsTheSharedMapOneVrfOrAllAtOnce) {
-   vrfIs(1, "blue");
-   vrfIs(2, "red");
-   status_->sync();
-   const auto sm = start();
-   const Bytes reserved = octets({0, 0xFF, 0xFF, 0xFF, 0});
-   EXPECT_EQ(contents(*su_.source),
-             (std::multiset<Bytes>{reserved, withText({0, 0, 0, 1, 4}, "blue"),
-                                   withText({0, 0, 0, 2, 3}, "red")}));
-   EXPECT_EQ(su_.update->version(), 0u);
-
-   vrfIs(2, "green");
-   vrfIs(3, "mgmt");
-   table_.entryDel(1);
-   EXPECT_EQ(su_.update->version(), 0u) << "nothing is seen before the view syncs";
-   status_->sync();
-   EXPECT_EQ(su_.update->version(), 2u) << "the rename and the addition, not the removal";
-   EXPECT_EQ(bytesOf(su_.update->dataRecord()), withText({0, 0, 0, 3, 4}, "mgmt"));
-   EXPECT_EQ(contents(*su_.source),
-             (std::multiset<Bytes>{reserved, withText({0, 0, 0, 2, 5}, "green"),
-                                   withText({0, 0, 0, 3, 4}, "mgmt")}));
-   EXPECT_EQ(sm->dataRecords(), 2u);
-
-   table_.entryDelAll();
-   vrfIs(9, "only");
-   status_->sync();
-   EXPECT_EQ(su_.update->version(), 2u) << "a whole-map change rebuilds without announcing";
-   EXPECT_EQ(contents(*su_.source),
-             (std::multiset<Bytes>{reserved, withText({0, 0, 0, 9, 4}, "only")}));
 }
 
 }  // namespace

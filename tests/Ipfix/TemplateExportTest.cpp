@@ -2,7 +2,6 @@
 
 #include "ExportFixture.h"
 #include "FlowTracking/Constants.h"
-#include "Kel/Trace.h"
 #include "support/LoopbackCollector.h"
 
 namespace {
@@ -271,26 +270,6 @@ TEST_F(TemplateExportTest, ExporterDestroyedWithoutTeardownEndsTheProcess) {
    make()->handleDel();
    EXPECT_DEATH(make(), "FtExporterSm|destroyed without handleDel");
 }
-
-TEST_F(TemplateExportTest, RemovedExporterAndCollectorStopSending) {
-   startTemplates();
-   sched_->runFor(0);
-   learn(rx4_, 7);
-   learn(rx6_, 7);
-   exp_->collectorIp6AndPortDel("c6");
-   sched_->runFor(30);
-   EXPECT_EQ(learn(rx4_, 7).messages.size(), 2u);
-   EXPECT_TRUE(rx6_.receiveAll().empty());
-   hwConfig_->hwFtConfig("t1")->expConfigDel("e1");
-   EXPECT_EQ(templateSm_->ftTemplateSm("t1")->ftExporterSm("e1"), nullptr);
-   sched_->runFor(60);
-   EXPECT_TRUE(rx4_.receiveAll().empty());
-   EXPECT_EQ(sched_->timerCount(), 0u) << "no periodic task outlives its exporter";
-}
-
-}  // namespace
-
-namespace {
 
 using Vorpa::Ipfix::CollectorInfo;
 using Vorpa::Ipfix::CollectorStatisticsKey;
