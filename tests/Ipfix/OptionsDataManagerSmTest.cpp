@@ -85,37 +85,6 @@ TEST_F(OptionsDataManagerTest, TrackerExistsWhileConfigurationStatusAndRecordAll
    }
 }
 
-TEST_F(OptionsDataManagerTest, ExporterExistsWhileConfigurationAndRecordDo) {
-   addTracker("t1");
-   addStatus("t1");
-   const auto info = ftInfo_->ftInfoIs("t1");
-   startManager();
-   struct Step {
-      const char* name;
-      std::function<void()> change;
-      bool exists;
-   };
-   const Step steps[] = {
-       {"record", [&] { info->expInfoIs("e1"); }, false},
-       {"configuration", [&] { addReadyExporter("t1", "e1"); }, true},
-       {"record removed", [&] { info->expInfoDel("e1"); }, false},
-       {"record again", [&] { info->expInfoIs("e1"); }, true},
-       {"configuration removed", [&] { hwConfig_->hwFtConfig("t1")->expConfigDel("e1"); }, false},
-   };
-   Kel::Ptr<FlowTracking::OptionsDataExporterSm> previous;
-   for (const Step& s : steps) {
-      SCOPED_TRACE(s.name);
-      s.change();
-      const auto exporter = ftManager("t1")->exporterSm("e1");
-      EXPECT_EQ(exporter != nullptr, s.exists);
-      if (exporter) {
-         EXPECT_NE(exporter, previous);
-         EXPECT_EQ(exporter->dataContainer(), manager_->dataContainer("t1"));
-         previous = exporter;
-      }
-   }
-}
-
 TEST_F(OptionsDataManagerTest, TheAgentCanCreateTheManagerByName) {
    addTracker("t1");
    addStatus("t1");

@@ -4,11 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "Bexa/TaskScheduler.h"
 #include "Ipfix/OptionsDataSourceFlowKeySm.h"
-#include "Ipfix/OptionsDataSourceFlowTrackerTableSm.h"
 #include "Ipfix/OptionsDataSourceIntfTableSm.h"
-#include "Kel/System.h"
 #include "support/ThrownText.h"
 
 namespace {
@@ -126,38 +123,6 @@ TEST_F(FlowKeyTest, IndicatorBitsFollowPositionsIn32BitsSignExtended) {
       ++id;
    }
    EXPECT_EQ(sm->makeDataRecord(999), nullptr) << "absent template";
-}
-
-// ---------------------------------------------------------------------------
-// Flow-tracker table
-
-class FlowTrackerTableTest : public ::testing::Test {
- protected:
-   Kel::Ptr<FlowTracking::FlowTrackerTableSm> start(bool withConfig = true) {
-      auto sm = Kel::makePtr<FlowTracking::FlowTrackerTableSm>(
-          su_.source, su_.update, hwStatus_, withConfig ? ftConfig_ : nullptr, ftStatus_,
-          FlowTracking::FlowTrackingType::sampled, sched_);
-      sm->handleInitialized();
-      return sm;
-   }
-
-   Kel::ScopedManualClock clock_;
-   Kel::Ptr<Bexa::TaskSchedulerRoot> sched_ = Kel::makePtr<Bexa::TaskSchedulerRoot>();
-   SourceAndUpdate su_{OptionsDataScope::scopeTracker, 65535};
-   Kel::Ptr<HwFlowTracking::Status> hwStatus_ = Kel::makeActive<HwFlowTracking::Status>();
-   Kel::Ptr<HwFlowTracking::FtConfig> ftConfig_ = Kel::makeActive<HwFlowTracking::FtConfig>("ft1");
-   Kel::Ptr<HwFlowTracking::FtStatus> ftStatus_ = Kel::makeActive<HwFlowTracking::FtStatus>("ft1");
-};
-
-TEST_F(FlowTrackerTableTest, TimeoutsMustFitSixteenBits) {
-   const auto sm = start();
-   ftStatus_->activeIntervalIs(65534);
-   EXPECT_EQ(thrownText([&] { sm->makeDataRecord(); }), "(nothing thrown)");
-   ftStatus_->activeIntervalIs(65535);
-   EXPECT_EQ(thrownText([&] { sm->makeDataRecord(); }), "active.seconds() < Kel::maxU16()");
-   ftStatus_->activeIntervalIs(1);
-   ftStatus_->inactiveTimeoutIs(70000);
-   EXPECT_EQ(thrownText([&] { sm->makeDataRecord(); }), "inactive.seconds() < Kel::maxU16()");
 }
 
 // ---------------------------------------------------------------------------
