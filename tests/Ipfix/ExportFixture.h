@@ -14,6 +14,7 @@
 #include "Ipfix/IpfixSm.h"
 #include "Ipfix/OptionsTemplate.h"
 #include "Kel/System.h"
+#include "Kel/TypeRegistry.h"
 #include "support/LoopbackCollector.h"
 
 // A hardware flow-tracking configuration and status, the tracking tree and
@@ -94,7 +95,9 @@ class ExportFixture : public ::testing::Test {
 
    Kel::ScopedManualClock clock_;
    Kel::Ptr<Bexa::TaskSchedulerRoot> sched_ = Kel::makePtr<Bexa::TaskSchedulerRoot>();
-   Kel::Ptr<Ipfix::IpfixInitSm> init_ = Ipfix::ipfixInitSmFactory();
+   // By name, as the agent creates it: the catalogue every template reads.
+   Kel::Ptr<Ipfix::IpfixInitSm> init_ =
+       Kel::TypeRegistry::instance().factory<decltype(Ipfix::ipfixInitSmFactory)>("IpfixInitSm")();
    Kel::Ptr<HwFlowTracking::Config> hwConfig_ = Kel::makeActive<HwFlowTracking::Config>();
    Kel::Ptr<HwFlowTracking::Status> hwStatus_ = Kel::makeActive<HwFlowTracking::Status>();
    Kel::Ptr<FlowTracking::ConfigReq> configReq_ = Kel::makeActive<FlowTracking::ConfigReq>();

@@ -6,7 +6,6 @@
 #include "FlowTracking/Constants.h"
 #include "Ipfix/MessageRun.h"
 #include "Ipfix/OptionsDataManagerSm.h"
-#include "Kel/TypeRegistry.h"
 #include "support/LoopbackCollector.h"
 
 namespace {
@@ -24,9 +23,12 @@ HwFlowTracking::TemplateId setIdOf(StaticTemplateId id) {
 // an interface index map and a shared-memory VRF id map.
 class OptionsDataManagerTest : public ExportFixture {
  protected:
+   // By name, as the agent creates it.
    void startManager() {
-      manager_ = FlowTracking::optionsDataManagerSmFactory(hwConfig_, hwStatus_, ftInfo_, intfMap_,
-                                                           vrfStatus_, stats_, sched_);
+      const auto factory =
+          Kel::TypeRegistry::instance()
+              .factory<decltype(FlowTracking::optionsDataManagerSmFactory)>("OptionsDataManagerSm");
+      manager_ = factory(hwConfig_, hwStatus_, ftInfo_, intfMap_, vrfStatus_, stats_, sched_);
    }
 
    void vrfIs(Kel::U32 id, const std::string& name) {
@@ -83,19 +85,6 @@ TEST_F(OptionsDataManagerTest, TrackerExistsWhileConfigurationStatusAndRecordAll
          previous = ft;
       }
    }
-}
-
-TEST_F(OptionsDataManagerTest, TheAgentCanCreateTheManagerByName) {
-   addTracker("t1");
-   addStatus("t1");
-   ftInfo_->ftInfoIs("t1");
-   const auto& registry = Kel::TypeRegistry::instance();
-   const auto init = registry.factory<decltype(Ipfix::ipfixInitSmFactory)>("IpfixInitSm")();
-   EXPECT_TRUE(init->initialized());
-   const auto factory = registry.factory<decltype(FlowTracking::optionsDataManagerSmFactory)>(
-       "OptionsDataManagerSm");
-   manager_ = factory(hwConfig_, hwStatus_, ftInfo_, intfMap_, vrfStatus_, stats_, sched_);
-   EXPECT_NE(ftManager("t1"), nullptr);
 }
 
 // The agent's whole start sequence over two trackers, decoded by a libfixbuf
