@@ -56,14 +56,6 @@ TEST(VorpaMount, RefusesWhatItCannotReadWithTheRightProblem) {
    }
 }
 
-TEST(VorpaMount, SegmentOutlivesItsWriterUntilRemoved) {
-   const TestSupport::ScopedTableName name("removed");
-   { Table::create(name, 4); }
-   EXPECT_NO_THROW(Reader::mount(name)) << "the segment outlives its writer";
-   Vorpa::Segment::remove(name);
-   EXPECT_THROW(Reader::mount(name), Vorpa::MountError);
-}
-
 // A damaged slot and a damaged header byte, made after the reader mounted:
 // the reader reports both and goes on serving the intact entries; the writer
 // raises its assertion when it meets the damaged slot.
