@@ -7,7 +7,6 @@
 #include <array>
 #include <functional>
 
-#include "Vorpa/TableReader.h"
 #include "platform/VorpaTestTypes.h"
 #include "support/FutexSleeper.h"
 #include "support/ScopedTableName.h"
@@ -15,9 +14,9 @@
 namespace {
 
 using VorpaTest::Key;
+using VorpaTest::Reader;
+using VorpaTest::Table;
 using VorpaTest::Value;
-using Table = Vorpa::Table<Key, Value>;
-using Reader = Vorpa::TableReader<Key, Value>;
 
 // Reads exactly `size` octets from `fd`, waiting at most a minute for them: a
 // child that dies or hangs fails the test instead of hanging it.

@@ -5,15 +5,14 @@
 #include <random>
 
 #include "Kel/Exception.h"
-#include "Vorpa/TableReader.h"
 #include "platform/VorpaTestTypes.h"
 
 namespace {
 
 using VorpaTest::Key;
+using VorpaTest::Reader;
+using VorpaTest::Table;
 using VorpaTest::Value;
-using Table = Vorpa::Table<Key, Value>;
-using Reader = Vorpa::TableReader<Key, Value>;
 
 std::map<Kel::U32, Value> readerContents(const Reader& reader) {
    std::map<Kel::U32, Value> seen;
