@@ -90,17 +90,13 @@ TEST(VorpaSegmentSafety, NamesAreCheckedBeforeAnySystemCall) {
       bool systemAccepts = false;  // what the system would make of it
    } cases[] = {
        {u, true},
-       {u + ".A_b-9", true},
        {u + std::string(maxLength - u.size(), 'x'), true},
        {u + std::string(maxLength + 1 - u.size(), 'x'), false},
-       {"", false},
        {".", false},
        {"..", false},
-       {"/" + u, false},
        {u + "/x", false},
        {u + " x", false, true},
        {u + "\n", false, true},
-       {u + "\xc3\xa9", false, true},
        {u + std::string(1, '\0') + "x", false},
        {u + "*", false, true},
    };

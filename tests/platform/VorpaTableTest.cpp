@@ -14,16 +14,6 @@ using VorpaTest::Reader;
 using VorpaTest::Table;
 using VorpaTest::Value;
 
-std::map<Kel::U32, Value> readerContents(const Reader& reader) {
-   std::map<Kel::U32, Value> seen;
-   const Vorpa::ScanResult scan = reader.forEach([&](const Key& k, const Value& v) {
-      EXPECT_TRUE(seen.emplace(k.id, v).second) << "key " << k.id << " listed twice";
-   });
-   EXPECT_EQ(scan.corrupt, 0u);
-   EXPECT_EQ(scan.busy, 0u);
-   return seen;
-}
-
 // Random inserts, replacements, in-place writes and removals of keys that
 // share three home slots, on a small table, checked after every step against
 // a std::map through the writer's lookups, a reader's lookups and both
@@ -62,6 +52,8 @@ TEST(VorpaTable, AgreesWithAMapThroughCollisionsRemovalsAndReuse) {
             Value* inPlace = table.entryForWrite(keyOf(id), Value::of(7));
             ASSERT_EQ(inPlace != nullptr, fits);
             if (fits) {
+               ASSERT_EQ(*inPlace, model.contains(id) ? model[id] : Value::of(7))
+                   << "opened as it is";
                const Kel::U64 version = model.contains(id) ? model[id].version + 1 : 7;
                *inPlace = Value::of(version);
                table.entryCommit(inPlace);
@@ -118,11 +110,14 @@ TEST(VorpaTable, AgreesWithAMapThroughCollisionsRemovalsAndReuse) {
          }
       }
       if (step % 100 == 0) {
-         std::map<Kel::U32, Value> written;
+         std::map<Kel::U32, Value> written, listed;
          table.forEach([&](const Key& k, const Value& v) { written.emplace(k.id, v); });
+         const auto scan =
+             reader.forEach([&](const Key& k, const Value& v) { listed.emplace(k.id, v); });
          ASSERT_EQ(written, model);
-         ASSERT_EQ(readerContents(reader), model);
-         ASSERT_EQ(reader.validate().corrupt, 0u);
+         ASSERT_EQ(listed, model);
+         ASSERT_EQ(scan.entries, model.size()) << "a key listed twice";
+         ASSERT_EQ(scan.corrupt + scan.busy + reader.validate().corrupt, 0u);
       }
    }
    EXPECT_GT(refused, 0u) << "the sequence never filled the table";
@@ -142,7 +137,6 @@ TEST(VorpaTable, InPlaceWriteIsHiddenUntilCommitAndBadCommitsAreRefused) {
    ASSERT_TRUE(table.entryIs(Key{1, 1}, Value::of(1)));
    Value* open = table.entryForWrite(Key{1, 1}, Value::of(99));
    ASSERT_NE(open, nullptr);
-   EXPECT_EQ(*open, Value::of(1)) << "an existing entry is opened as it is";
    open->version = 2;  // half-written: readers must not see it
    Value v;
    EXPECT_EQ(reader.entry(Key{1, 1}, v), Vorpa::ReadStatus::busy);
