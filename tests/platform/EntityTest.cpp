@@ -4,7 +4,6 @@
 #include <memory>
 
 #include "Kel/Entity.h"
-#include "Kel/Exception.h"
 
 namespace {
 
