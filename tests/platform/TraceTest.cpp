@@ -48,9 +48,9 @@ TEST(Trace, CaptureRestoresLevelWhenDone) {
    EXPECT_EQ(traceTest.level(), before);
 }
 
-TEST(Trace, ConfigureAppliesValidSpecsAndRejectsBadOnesWithoutChange) {
+TEST(Trace, ConfigureAppliesValidSettingsAndRejectsBadOnesWithoutChange) {
    const struct {
-      const char* spec;
+      const char* setting;
       int level;  // TraceTest's level afterwards; -1: rejected
    } cases[] = {
        {"TraceTest/5", 5},
@@ -62,10 +62,10 @@ TEST(Trace, ConfigureAppliesValidSpecsAndRejectsBadOnesWithoutChange) {
        {"TraceTest/3,Bad", -1},
    };
    for (const auto& c : cases) {
-      SCOPED_TRACE(c.spec);
+      SCOPED_TRACE(c.setting);
       Kel::Trace::configure("TraceTest/0");
       Kel::String error;
-      EXPECT_EQ(Kel::Trace::configure(c.spec, &error), c.level >= 0);
+      EXPECT_EQ(Kel::Trace::configure(c.setting, &error), c.level >= 0);
       EXPECT_EQ(error.empty(), c.level >= 0);
       EXPECT_EQ(traceTest.level(), std::max(c.level, 0));
    }
