@@ -7,10 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <functional>
-#include <optional>
 
-#include "Vorpa/TableReader.h"
 #include "platform/VorpaTestTypes.h"
 #include "support/ScopedTableName.h"
 
@@ -19,10 +16,10 @@
 // writable by its owner only, and a writer never takes another user's over.
 namespace {
 
-using VorpaTest::Key;
-using VorpaTest::Value;
-using Table = Vorpa::Table<Key, Value>;
-using Reader = Vorpa::TableReader<Key, Value>;
+using VorpaTest::mountProblem;
+using VorpaTest::problemOf;
+using VorpaTest::Reader;
+using VorpaTest::Table;
 
 // The mode of the named object, or nullopt when there is none.
 std::optional<mode_t> objectMode(const std::string& name) {
@@ -90,63 +87,48 @@ TEST(VorpaSegmentSafety, NamesAreCheckedBeforeAnySystemCall) {
    const struct {
       std::string name;
       bool valid;
+      bool systemAccepts = false;  // what the system would make of it
    } cases[] = {
        {u, true},
-       {u + ".A_b-9", true},
        {u + std::string(maxLength - u.size(), 'x'), true},
        {u + std::string(maxLength + 1 - u.size(), 'x'), false},
-       {"", false},
        {".", false},
        {"..", false},
-       {"/" + u, false},
-       {u + "/x", false},
-       {u + " x", false},
-       {u + "\n", false},
-       {u + "\xc3\xa9", false},
+       {u + " x", false, true},
+       {u + "\n", false, true},
        {u + std::string(1, '\0') + "x", false},
-       {u + "*", false},
+       {u + "*", false, true},
    };
+   const auto invalid = std::optional(Vorpa::MountProblem::invalidName);
    for (const auto& c : cases) {
       SCOPED_TRACE(testing::PrintToString(c.name));
       if (c.valid) {
          {
             const Table table = Table::create(c.name, 4);
-            EXPECT_NO_THROW(Reader::mount(c.name));
+            EXPECT_EQ(mountProblem(c.name), std::nullopt);
          }
          Vorpa::Segment::remove(c.name);
          continue;
       }
-      // What the system would make of the name, had it been passed on.
+      EXPECT_EQ(problemOf([&] { Table::create(c.name, 4); }), invalid);
+      // An object of that name, made behind the library's back (which fails
+      // if the writer made one), is not even looked at.
       const std::string object = "/" + c.name;
-      const bool systemAccepts = c.name.size() < 255 && c.name.find('/') == std::string::npos &&
-                                 c.name.find('\0') == std::string::npos && !c.name.empty() &&
-                                 c.name != "." && c.name != "..";
-      const auto expectInvalidName = [&](const std::function<void()>& f, const char* who) {
-         try {
-            f();
-            ADD_FAILURE() << who << " accepted it";
-         } catch (const Vorpa::MountError& e) {
-            EXPECT_EQ(e.problem(), Vorpa::MountProblem::invalidName) << who << ": " << e.what();
-            EXPECT_EQ(std::string(e.what()).find('\n'), std::string::npos) << "one line";
-         }
-      };
-      expectInvalidName([&] { Table::create(c.name, 4); }, "writer");
-      if (systemAccepts) {
-         EXPECT_FALSE(objectMode(c.name)) << "the writer created it";
-         // An object of that name, made behind the library's back, is not
-         // even looked at (it would be "not created yet").
-         const int fd = shm_open(object.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600);
-         ASSERT_GE(fd, 0);
+      const int fd =
+          c.systemAccepts ? shm_open(object.c_str(), O_CREAT | O_EXCL | O_RDWR, 0600) : -1;
+      EXPECT_EQ(fd >= 0, c.systemAccepts) << "the writer created it";
+      EXPECT_EQ(mountProblem(c.name), invalid);
+      if (fd >= 0) {
          close(fd);
-      }
-      expectInvalidName([&] { Reader::mount(c.name); }, "reader");
-      if (systemAccepts) {
          shm_unlink(object.c_str());
       }
    }
 }
 
-TEST(VorpaSegmentSafety, SegmentIsCreatedWithMode0644WhateverTheUmask) {
+// The segment is readable by all and writable by its owner whatever the
+// umask; a writer refuses another user's segment, which stays as it was (its
+// own user's earlier segment it replaces: see LiveTells... below).
+TEST(VorpaSegmentSafety, SegmentIsMode0644AndAnotherUsersIsNotTakenOver) {
    for (const mode_t mask : {mode_t{0}, mode_t{022}, mode_t{077}, mode_t{0777}}) {
       SCOPED_TRACE(mask);
       const TestSupport::ScopedTableName name("mode");
@@ -156,17 +138,9 @@ TEST(VorpaSegmentSafety, SegmentIsCreatedWithMode0644WhateverTheUmask) {
       umask(before);
       EXPECT_EQ(objectMode(name), mode_t{0644});
    }
-}
 
-// The writer replaces what an earlier writer of its own user left, and
-// refuses another user's segment, which stays as it was.
-TEST(VorpaSegmentSafety, WriterRefusesAnotherUsersSegment) {
    const TestSupport::ScopedTableName name("owner");
    const Table earlier = Table::create(name, 4);
-   const Reader earlierReader = Reader::mount(name);
-   EXPECT_NO_THROW(Table::create(name, 4));
-   EXPECT_FALSE(earlierReader.live()) << "replaced";
-
    const uid_t otherUser = geteuid() == 65534 ? 65533 : 65534;
    const int fd = shm_open(("/" + name.str()).c_str(), O_RDONLY, 0);
    ASSERT_GE(fd, 0);
@@ -176,15 +150,7 @@ TEST(VorpaSegmentSafety, WriterRefusesAnotherUsersSegment) {
       GTEST_SKIP() << "giving a segment to another user needs privileges";
    }
    const Reader othersReader = Reader::mount(name);
-   try {
-      Table::create(name, 4);
-      ADD_FAILURE() << "took another user's segment over";
-   } catch (const Vorpa::MountError& e) {
-      EXPECT_EQ(e.problem(), Vorpa::MountProblem::system);
-      EXPECT_NE(std::string(e.what()).find("belongs to user " + std::to_string(otherUser)),
-                std::string::npos)
-          << e.what();
-   }
+   EXPECT_EQ(problemOf([&] { Table::create(name, 4); }), Vorpa::MountProblem::system);
    EXPECT_TRUE(othersReader.live()) << "the other user's segment was replaced";
 }
 
