@@ -207,8 +207,9 @@ TEST(IpfixStatsClear, RefusalsChangeNothingAndTheAgentServesOn) {
    DatagramSocket(false).sendTo(socket, "clear tracker=ft1\n");
    DatagramSocket client;
    for (const auto& [request, reply] : {
-            std::pair<std::string, std::string>{"clear tracker=" + std::string(5000, 'x') + "\n",
-                                                "error: request longer than 512 octets\n"},
+            std::pair<std::string, std::string>{"", "error: empty request\n"},
+            {"clear tracker=" + std::string(5000, 'x') + "\n",
+             "error: request longer than 512 octets\n"},
             {std::string("\x16\x03\x01\0\xff garbage", 13),
              "error: the request must be one line of printable ASCII\n"},
         }) {

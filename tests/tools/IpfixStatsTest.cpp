@@ -318,7 +318,12 @@ TEST(IpfixStatsErrors, OneLineAndTheExitStatusOfTheirKind) {
        {{"clear", "--tracker", ""}, 2, "--tracker must not be empty"},
        {{"clear", "--tracker", std::string(64, 't')}, 2, "longer than 63 octets"},
        {{"clear", "--control-socket", ""}, 2, "does not name a file"},
+       {{"clear", "--tracker", "ft1", "--json"}, 2, "do not go with clear"},
+       {{"clear", "--table", "../etc"}, 2, "invalid table name '../etc'"},
        {{"clear", "--table", missing, "--tracker", "ft1"}, 6, "no agent running for table"},
+       {{"clear", "--table", missing, "--control-socket", runtime.path() + "/missing/x.sock"},
+        6,
+        "no agent running for table"},
        {{"clear", "--table", stale}, 6, "no agent running for table"},
    };
    for (const auto& c : cases) {
