@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
@@ -24,11 +24,6 @@ namespace {
 using TestSupport::ChildProcess;
 using TestSupport::DatagramSocket;
 using Entries = std::map<std::string, Vorpa::Ipfix::CollectorStatisticsEntry>;
-
-bool exists(const std::string& path) {
-   struct stat st {};
-   return ::lstat(path.c_str(), &st) == 0;
-}
 
 // Two trackers, ft1 with exporter e1 and ft2 with e2 and e3, each exporter
 // with one collector on loopback at `ports`.
@@ -152,7 +147,7 @@ TEST(IpfixStatsClear, ClearsTheNamedCountersOnly) {
       DatagramSocket(false).bindTo(socket);
       ExportingAgent agent(table, socketArgs);
       ASSERT_TRUE(agent.exported()) << "the agent did not start exporting";
-      EXPECT_EQ(exists(runtime.socketOf(table)), !c.chosenSocket);
+      EXPECT_EQ(std::filesystem::exists(runtime.socketOf(table)), !c.chosenSocket);
       const Entries before = agent.entries();
 
       const Kel::Seconds requested = Kel::System::currentTime();
@@ -180,7 +175,7 @@ TEST(IpfixStatsClear, ClearsTheNamedCountersOnly) {
       }
       EXPECT_EQ(left, c.left);
       ToolTest::stop(agent.process());
-      EXPECT_FALSE(exists(socket)) << "the agent left its socket behind";
+      EXPECT_FALSE(std::filesystem::exists(socket)) << "the agent left its socket behind";
    }
 }
 
