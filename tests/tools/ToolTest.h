@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -72,7 +73,8 @@ class StatsWriterProcess {
          throw std::runtime_error("pipe");
       }
       if ((pid_ = fork()) == 0) {
-         // Only the parent's ends: the writer sees the release pipe's end.
+         // Without the parent's ends, the writer sees the release pipe end
+         // when the parent closes its own.
          close(ready[0]);
          close(release[1]);
          int code = 0;
@@ -91,7 +93,9 @@ class StatsWriterProcess {
       close(release[0]);
       release_ = release[1];
       char byte = 0;
-      EXPECT_EQ(read(ready[0], &byte, 1), 1) << "the writer did not start";
+      pollfd started{ready[0], POLLIN, 0};
+      EXPECT_TRUE(poll(&started, 1, 60'000) == 1 && read(ready[0], &byte, 1) == 1)
+          << "the writer did not start";
       close(ready[0]);
    }
    ~StatsWriterProcess() { stop(true); }
