@@ -1,11 +1,11 @@
 #!/usr/bin/python3
 """Parses an OpenMetrics text exposition with prometheus_client's parser, an
 implementation independent of ours, and prints what it read: a line
-"# name type unit" per family (no unit when it has none, " (no help)" when it has none), then a
-line "name{label="value",...} value" per sample, labels in name order and
-their values as JSON strings. The file must be UTF-8: any other octet fails
-the read. Exits 1 with the parser's reason on standard error when it rejects
-the text.
+"# name type unit" per family (no unit when it has none, " (no help)" when
+it has none), then a line "name{label="value",...} value" per sample, labels
+in name order and their values as JSON strings. The file must be UTF-8: any
+other octet fails the read. Exits 1 with the parser's reason on standard
+error when it rejects the text.
 """
 import json
 import sys
