@@ -18,21 +18,6 @@ namespace {
 using TestSupport::ChildProcess;
 namespace fs = std::filesystem;
 
-std::string readFile(const fs::path& path) {
-   std::ifstream in(path);
-   std::stringstream text;
-   text << in.rdbuf();
-   return text.str();
-}
-
-std::string replaced(std::string text, const std::string& from, const std::string& to) {
-   for (std::size_t at = text.find(from); at != std::string::npos;
-        at = text.find(from, at + to.size())) {
-      text.replace(at, from.size(), to);
-   }
-   return text;
-}
-
 // A directory of the test's own: the units to verify, with the commands they
 // start at their installed paths replaced by the built programs (verify
 // checks that they exist), and a manual tree holding the pages they name.
@@ -54,9 +39,17 @@ class UnitTree {
       return root_ / name;
    }
    fs::path systemdUnit(const std::string& name) const {
-      std::string text = readFile(fs::path(SYSTEMD_DIR) / name);
-      text = replaced(text, "/usr/sbin/ipfix-agent", IPFIX_AGENT_PATH);
-      return unit(name, replaced(text, "/usr/bin/ipfix-stats", IPFIX_STATS_PATH));
+      std::string text =
+          (std::stringstream() << std::ifstream(fs::path(SYSTEMD_DIR) / name).rdbuf()).str();
+      for (const auto& [installed, built] :
+           {std::pair<std::string, std::string>{"/usr/sbin/ipfix-agent", IPFIX_AGENT_PATH},
+            {"/usr/bin/ipfix-stats", IPFIX_STATS_PATH}}) {
+         for (auto at = text.find(installed); at != std::string::npos;
+              at = text.find(installed, at + built.size())) {
+            text.replace(at, installed.size(), built);
+         }
+      }
+      return unit(name, text);
    }
    std::string manPath() const { return (root_ / "man").string(); }
 
