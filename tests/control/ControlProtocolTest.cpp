@@ -11,7 +11,6 @@ TEST(ControlProtocol, RequestsCarryAnyNameThroughTheirText) {
    const ClearRequest requests[] = {
        {},
        {"ft1", ""},
-       {"ft1", "e1"},
        {"ft edge=1", "exp%20 x"},
        {"line\nbreak\r\t", std::string("nul\0byte", 8)},
        {"caf\xc3\xa9 a/b?", "~-._"},
