@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -13,6 +12,7 @@
 #include "FlowTracking/Constants.h"
 #include "Ipfix/CollectorStats.h"
 #include "Kel/System.h"
+#include "support/ChildProcess.h"
 #include "support/DatagramSocket.h"
 #include "support/LoopbackCollector.h"
 #include "support/ScopedRuntimeDirectory.h"
@@ -22,45 +22,12 @@
 namespace {
 
 // The agent as an operator runs it: a process with a configuration file,
-// sending to collectors that are real UDP sockets of this test.
-class AgentProcess {
- public:
-   AgentProcess(const std::string& configPath, const std::string& table) {
-      errPath_ = configPath + ".stderr";
-      pid_ = fork();
-      if (pid_ == 0) {
-         const int err = open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-         dup2(err, 2);
-         execl(IPFIX_AGENT_PATH, "ipfix-agent", "--config", configPath.c_str(), "--stats-table",
-               table.c_str(), nullptr);
-         _exit(127);
-      }
-   }
-   ~AgentProcess() {
-      if (pid_ > 0) {
-         kill(pid_, SIGKILL);
-         waitpid(pid_, nullptr, 0);
-      }
-      unlink(errPath_.c_str());
-   }
-   void signal(int sig) const { kill(pid_, sig); }
-   bool running() const { return waitpid(pid_, nullptr, WNOHANG) == 0; }
-   // Waits for the exit and returns the exit status.
-   int wait() {
-      int status = 0;
-      waitpid(pid_, &status, 0);
-      pid_ = -1;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-   }
-   std::string stderrText() const {
-      std::ifstream in(errPath_);
-      return {std::istreambuf_iterator<char>(in), {}};
-   }
-
- private:
-   pid_t pid_ = -1;
-   std::string errPath_;
-};
+// sending to collectors that are real UDP sockets of this test. What it logs
+// on its standard error is read as its output.
+TestSupport::ChildProcess startAgent(const std::string& configPath, const std::string& table) {
+   return TestSupport::ChildProcess({"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1", IPFIX_AGENT_PATH,
+                                     "--config", configPath, "--stats-table", table});
+}
 
 std::string tempPath(const char* name) {
    return ::testing::TempDir() + "/" + name + "-" + std::to_string(getpid());
@@ -107,14 +74,14 @@ interfaces:
 
 using Records = std::multiset<TestSupport::LoopbackCollector::Values>;
 
-const std::uint16_t intfSet =
-    FlowTracking::Constants::reservedTemplateId(FlowTracking::StaticTemplateId::intfTable);
-const std::uint16_t vrfSet =
-    FlowTracking::Constants::reservedTemplateId(FlowTracking::StaticTemplateId::vrfTable);
-const std::uint16_t keySet =
-    FlowTracking::Constants::reservedTemplateId(FlowTracking::StaticTemplateId::flowKey);
-const std::uint16_t trackerSet =
-    FlowTracking::Constants::reservedTemplateId(FlowTracking::StaticTemplateId::flowTrackerTable);
+using FlowTracking::StaticTemplateId;
+std::uint16_t setOf(StaticTemplateId table) {
+   return FlowTracking::Constants::reservedTemplateId(table);
+}
+const std::uint16_t intfSet = setOf(StaticTemplateId::intfTable);
+const std::uint16_t vrfSet = setOf(StaticTemplateId::vrfTable);
+const std::uint16_t keySet = setOf(StaticTemplateId::flowKey);
+const std::uint16_t trackerSet = setOf(StaticTemplateId::flowTrackerTable);
 
 Records interfaces(Records configured) {
    configured.insert({{0x80000000u, "multicast"},
@@ -198,7 +165,7 @@ TEST(AgentService, ExportsNotifiesReloadsStopsAndKeepsTheWatchdogFed) {
    C c1(false), c2(false);
    TestSupport::UdpReceiver& rx1 = c1.receiver();
    writeFile(path, config({{"c1", rx1.port()}}, "  - { name: Ethernet2, index: 2 }\n"));
-   AgentProcess agent(path, table);
+   TestSupport::ChildProcess agent = startAgent(path, table);
    EXPECT_EQ(manager.next(), "READY=1\nSTATUS=Exporting: 1 tracker, 1 exporter, 1 collector");
    EXPECT_TRUE(manager.keepAlivesReach(3)) << "the watchdog is not fed";
 
@@ -241,7 +208,8 @@ TEST(AgentService, ExportsNotifiesReloadsStopsAndKeepsTheWatchdogFed) {
    // Stop: exit 0, statistics entries of the removed collectors gone.
    agent.signal(SIGTERM);
    EXPECT_EQ(manager.next(), "STOPPING=1");
-   EXPECT_EQ(agent.wait(), 0) << agent.stderrText();
+   const auto stopped = agent.finish();
+   EXPECT_EQ(stopped.exitCode, 0) << stopped.out;
    const auto stats = Vorpa::Ipfix::CollectorStatisticsReader::mount(table);
    std::size_t entries = 0;
    stats.forEach([&](const auto&, const auto&) { ++entries; });
@@ -293,7 +261,7 @@ TEST(AgentProcess, LargestAcceptedConfigurationRunsWithoutASourceAddress) {
    C collector(false);
    const int port = collector.receiver().port();
    writeFile(path, edgeConfig({}, port));
-   AgentProcess agent(path, table);
+   TestSupport::ChildProcess agent = startAgent(path, table);
 
    const auto messages = collector.drainUntil(allTables);
    const auto templates = C::templates(messages);
@@ -308,23 +276,22 @@ TEST(AgentProcess, LargestAcceptedConfigurationRunsWithoutASourceAddress) {
    // file; so is a collector more than the statistics table holds.
    const auto refused = [&](const std::string& text, const std::string& why) {
       writeFile(path, text);
-      const std::size_t before = agent.stderrText().size();
       agent.signal(SIGHUP);
-      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-      while (agent.stderrText().find("not applied", before) == std::string::npos &&
-             std::chrono::steady_clock::now() < deadline) {
-         usleep(10000);
+      std::string log;
+      while (log.find("not applied") == std::string::npos) {
+         const auto line = agent.readLine();
+         ASSERT_TRUE(line) << log;
+         log += *line + "\n";
       }
-      EXPECT_NE(agent.stderrText().find(why, before), std::string::npos) << agent.stderrText();
+      EXPECT_NE(log.find(why), std::string::npos) << log;
    };
    refused(edgeConfig({.extraFields = 1}, port), "take 65488 octets");
    std::string moreCollectors = edgeConfig({.statisticsCapacity = 4}, port);
    moreCollectors.insert(moreCollectors.find("        flow-groups:"),
                          "              - { name: c2, address: 127.0.0.1, port: 9 }\n");
    refused(moreCollectors, "needs 4 statistics entries and the running table holds 3");
-   EXPECT_TRUE(agent.running());
    agent.signal(SIGTERM);
-   EXPECT_EQ(agent.wait(), 0);
+   EXPECT_EQ(agent.finish().exitCode, 0);
    unlink(path.c_str());
 }
 
@@ -338,7 +305,6 @@ TEST(AgentProcess, CheckValidatesWithLocatedErrors) {
       // A network of its own with no route at all.
       bool isolated = false;
    } cases[] = {
-       {config({{"c1", 4739}}), 0, ""},
        {"flow-tracking:\n  hardware:\n    trackers:\n      - { name: t, id: 1, colour: red }\n", 2,
         ":4: flow-tracking.hardware.trackers[0].colour:"},
        {edgeConfig({}, 4739), 0, ""},
@@ -356,20 +322,18 @@ TEST(AgentProcess, CheckValidatesWithLocatedErrors) {
    };
    for (const auto& c : cases) {
       SCOPED_TRACE(c.error);
-      writeFile(path, c.text);
-      const std::string errPath = path + ".err";
       if (c.isolated && std::system("unshare -n true 2>/dev/null") != 0) {
          std::printf("skipped the no-route case: no network namespace of our own (not root)\n");
          continue;
       }
-      const std::string cmd = std::string(c.isolated ? "unshare -n " : "") + IPFIX_AGENT_PATH +
-                              " --check --config " + path + " 2>" + errPath;
-      const int status = std::system(cmd.c_str());
-      EXPECT_EQ(WEXITSTATUS(status), c.exitCode);
-      std::ifstream in(errPath);
-      const std::string err{std::istreambuf_iterator<char>(in), {}};
-      EXPECT_NE(err.find(c.error), std::string::npos) << err;
-      unlink(errPath.c_str());
+      writeFile(path, c.text);
+      std::vector<std::string> args{IPFIX_AGENT_PATH, "--check", "--config", path};
+      if (c.isolated) {
+         args.insert(args.begin(), {"/usr/bin/unshare", "-n"});
+      }
+      const auto result = TestSupport::ChildProcess::run(args);
+      EXPECT_EQ(result.exitCode, c.exitCode);
+      EXPECT_NE(result.err.find(c.error), std::string::npos) << result.err;
    }
    unlink(path.c_str());
 }

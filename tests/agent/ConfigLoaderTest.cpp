@@ -153,7 +153,6 @@ vrfs:
        {"syntax error",
         "flow-tracking:\n  hardware: [1, 2\n",
         {"t.yaml:3: YAML syntax error: end of sequence flow not found"}},
-       {"top level is a list", "- 1\n", {"t.yaml:1: must be a mapping, not a list"}},
        {"no document", "", {"t.yaml:1: must hold one YAML document, not 0"}},
        {"two documents",
         "vrfs: []\n---\nvrfs: []\n",

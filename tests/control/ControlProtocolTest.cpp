@@ -45,12 +45,9 @@ TEST(ControlProtocol, MalformedRequestsAreRefusedWithTheirReason) {
        {"clear tracker", "field 'tracker' has no '='"},
        {"clear tracker=", "field 'tracker': empty name"},
        {"clear tracker=ft1 tracker=ft2", "field 'tracker' given twice"},
-       {"clear tracker=ft1 colour=red", "unknown field 'colour'"},
-       {"clear tracker=a%4", "not percent-encoded"},
        {"clear tracker=a%g0", "not percent-encoded"},
        {"clear tracker=a=b", "not percent-encoded"},
        {"clear tracker=a+b", "not percent-encoded"},
-       {"clear exporter=e1", "an exporter needs its tracker"},
        {"clear tracker=" + std::string(64, 'x'), "tracker name longer than 63 octets"},
        {"clear tracker=t exporter=" + std::string(64, 'x'), "exporter name longer than 63"},
    };

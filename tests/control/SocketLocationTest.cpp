@@ -34,7 +34,6 @@ TEST(SocketLocation, CommandLineThenEnvironmentThenDefault) {
        {"--control-socket over both, whatever the table", "/run/a", "/run/b", "/srv/x.sock", "../t",
         "/srv/x.sock", "/srv"},
        {"--control-socket relative", "/run/a", nullptr, "x.sock", "t", "x.sock", "."},
-       {"--control-socket at the root", nullptr, nullptr, "/x.sock", "t", "/x.sock", "/"},
        {"longest table name", nullptr, nullptr, nullptr, longest,
         "/run/ipfix-agent/ipfix-agent." + longest + ".sock", "/run/ipfix-agent"},
        {"table name too long", nullptr, nullptr, nullptr, longest + "a",
@@ -49,8 +48,6 @@ TEST(SocketLocation, CommandLineThenEnvironmentThenDefault) {
        {"--control-socket too long", nullptr, nullptr, tooLongPath.c_str(), "t",
         "too long for a socket address: at most 107 octets, not 108"},
        {"empty table", nullptr, nullptr, nullptr, "", "invalid table name ''"},
-       {"table ..", "/run/a", nullptr, nullptr, "..", "invalid table name '..'"},
-       {"table in a subdirectory", nullptr, nullptr, nullptr, "a/b", "invalid table name"},
        {"table of two lines", nullptr, nullptr, nullptr, "a\nb", "invalid table name 'a%0Ab'"},
    };
    for (const auto& c : cases) {
