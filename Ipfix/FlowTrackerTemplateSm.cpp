@@ -33,55 +33,21 @@ class FtExporterSm::FtStatusReactor : public HwFlowTracking::FtStatus::Notifiee 
    FtExporterSm* sm_;
 };
 
-// Watches one flow group's layout, its fields included; any change rebuilds
-// the template set.
+// Watches one flow group's layout, its fields included (the group tells of a
+// field rewritten in place as of a field changed); any change rebuilds the
+// template set.
 class FtExporterSm::FgStatusReactor : public HwFlowTracking::FgStatus::Notifiee {
  public:
    FgStatusReactor(const Kel::Ptr<const HwFlowTracking::FgStatus>& fg, FtExporterSm* sm) : sm_(sm) {
-      watch(fg);
-   }
-   // Follows `fg`, which may be another object for the same template id.
-   void watch(const Kel::Ptr<const HwFlowTracking::FgStatus>& fg) {
       notifierIs(fg);
-      entries_.clear();
-      for (const auto& [position, entry] : fg->templateEntry()) {
-         entryWatch(position);
-      }
    }
    void onFieldCount() override { sm_->scheduleTemplateCreation(); }
    void onEntryCount() override { sm_->scheduleTemplateCreation(); }
    void onGenId() override { sm_->scheduleTemplateCreation(); }
-   void onTemplateEntry(Kel::U32 position) override {
-      entryWatch(position);
-      sm_->scheduleTemplateCreation();
-   }
+   void onTemplateEntry(Kel::U32) override { sm_->scheduleTemplateCreation(); }
 
  private:
-   // A field whose length or enterprise flag is rewritten in place changes
-   // the template as much as a new field does.
-   class EntryReactor : public HwFlowTracking::FtTemplateEntry::Notifiee {
-    public:
-      EntryReactor(const Kel::Ptr<const HwFlowTracking::FtTemplateEntry>& e, FtExporterSm* sm)
-          : sm_(sm) {
-         notifierIs(e);
-      }
-      void onFieldLen() override { sm_->scheduleTemplateCreation(); }
-      void onEnterpriseIe() override { sm_->scheduleTemplateCreation(); }
-
-    private:
-      FtExporterSm* sm_;
-   };
-
-   void entryWatch(Kel::U32 position) {
-      if (const auto entry = notifier()->templateEntry(position)) {
-         entries_[position] = std::make_unique<EntryReactor>(entry, sm_);
-      } else {
-         entries_.erase(position);
-      }
-   }
-
    FtExporterSm* sm_;
-   std::map<Kel::U32, std::unique_ptr<EntryReactor>> entries_;
 };
 
 Kel::U32 getFgTemplateLength(const HwFlowTracking::FgStatus& fg) {
@@ -149,7 +115,7 @@ void FtExporterSm::hwFgStatusIs(const Kel::Ptr<const HwFlowTracking::FgStatus>& 
                    "hwFgStatus not allowed");
    auto& reactor = hwFgStatus_[fg->templateId()];
    if (reactor) {
-      reactor->watch(fg);
+      reactor->notifierIs(fg);  // another object for the same template id
    } else {
       reactor = std::make_unique<FgStatusReactor>(fg, this);
    }

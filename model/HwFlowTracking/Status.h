@@ -1,6 +1,7 @@
 #pragma once
 
 #include <map>
+#include <memory>
 
 #include "HwFlowTracking/RecordType.h"
 #include "Kel/Entity.h"
@@ -76,20 +77,44 @@ class FgStatus : public Kel::Entity {
    Kel::Ptr<FtTemplateEntry> templateEntry(Kel::U32 position) const {
       return Kel::findEntry(templateEntry_, position);
    }
+   // onTemplateEntry(position) also tells of an entry's field specifier
+   // (length or enterprise flag) rewritten in place, so that whoever follows
+   // the layout needs one reactor for the group, not one for each field.
    void templateEntryIs(const Kel::Ptr<FtTemplateEntry>& e) {
+      entryForwarder_[e->position()] = std::make_unique<EntryForwarder>(e, this);
       entryIs(templateEntry_, e->position(), e, &Notifiee::onTemplateEntry);
    }
    void templateEntryDel(Kel::U32 position) {
+      entryForwarder_.erase(position);
       entryDel(templateEntry_, position, &Notifiee::onTemplateEntry);
    }
-   void templateEntryDelAll() { entryDelAll(templateEntry_, &Notifiee::onTemplateEntry); }
+   void templateEntryDelAll() {
+      entryForwarder_.clear();
+      entryDelAll(templateEntry_, &Notifiee::onTemplateEntry);
+   }
 
  private:
+   class EntryForwarder : public FtTemplateEntry::Notifiee {
+    public:
+      EntryForwarder(const Kel::Ptr<const FtTemplateEntry>& e, const FgStatus* fg) : fg_(fg) {
+         notifierIs(e);
+      }
+      void onFieldLen() override { forward(); }
+      void onEnterpriseIe() override { forward(); }
+
+    private:
+      void forward() const {
+         fg_->notify(&FgStatus::Notifiee::onTemplateEntry, notifier()->position());
+      }
+      const FgStatus* fg_;
+   };
+
    TemplateId templateId_;
    Kel::U16 fieldCount_ = 0;
    Kel::U32 entryCount_ = 0;
    Kel::U32 genId_ = 0;
    std::map<Kel::U32, Kel::Ptr<FtTemplateEntry>> templateEntry_;
+   std::map<Kel::U32, std::unique_ptr<EntryForwarder>> entryForwarder_;
 };
 
 // One tracker as the hardware runs it.
