@@ -3,7 +3,6 @@
 #include <vector>
 
 #include "Ipfix/MessageBuilder.h"
-#include "support/ThrownText.h"
 
 namespace {
 
@@ -87,27 +86,6 @@ TEST(MessageBuilder, PacksRecordsIntoSetsByIdWithinMaxSize) {
    packs("the largest message: 65535 octets", 65535,
          {{256, fill('m', 65515), 65515}, {256, "n", 0}},
          msgHeader(65535) + set(256, fill('m', 65515)), 1);
-}
-
-TEST(MessageBuilder, RecordLengthLimits) {
-   auto builder = FlowTracking::messageBuilderFactory(Kel::maxU16(), odid);
-   builder->startMsg();
-   builder->addSetRecordStr(256, "a");
-   const BuilderState before = stateOf(*builder);
-
-   // Below the limit, a record is judged by the room left.
-   EXPECT_EQ(builder->addSetRecordStr(256, fill('b', 65534)), 0u);
-   EXPECT_TRUE(stateOf(*builder) == before);
-   EXPECT_EQ(thrownText([&] { builder->addSetRecordStr(256, fill('c', 65535)); }),
-             "bytes < Kel::maxU16()");
-   EXPECT_TRUE(stateOf(*builder) == before);
-   // Opening a set, a record whose length with the set header passes 16 bits
-   // is refused like any other that does not fit, not an assertion.
-   for (const Kel::U32 len : {65532u, 65533u, 65534u}) {
-      SCOPED_TRACE(len);
-      EXPECT_EQ(builder->addSetRecordStr(257, fill('d', len)), 0u);
-      EXPECT_TRUE(stateOf(*builder) == before);
-   }
 }
 
 }  // namespace

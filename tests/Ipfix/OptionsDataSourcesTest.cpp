@@ -5,10 +5,8 @@
 #include <vector>
 
 #include "Ipfix/OptionsDataSourceFlowKeySm.h"
-#include "Ipfix/OptionsDataSourceIntfTableSm.h"
-#include "support/ThrownText.h"
 
-// The edges of two options records that the loopback and agent tests, which
+// The edges of the flow key record that the loopback and agent tests, which
 // decode whole tables, never reach.
 namespace {
 
@@ -83,17 +81,6 @@ TEST(FlowKeyRecord, IndicatorBitsFollowPositionsIn32BitsSignExtended) {
       ++id;
    }
    EXPECT_EQ(sm->makeDataRecord(999), nullptr) << "absent template";
-}
-
-TEST(InterfaceTableRecord, NamesMustBeShortFormAndNotEmpty) {
-   const SourceAndUpdate su(OptionsDataScope::scopeGlobal, FlowTracking::InterfaceTableSm::setId());
-   const auto sm = Kel::makePtr<FlowTracking::InterfaceTableSm>(
-       su.source, su.update, Kel::makeActive<FlowTracking::IntfIndexMap>());
-   EXPECT_EQ(sm->makeDataRecord("Ethernet1", 17)->data(), std::string("\0\0\0\x11\tEthernet1", 14));
-   EXPECT_EQ(sm->makeDataRecord(std::string(254, 'x'), 1)->dataLen(), 259u);
-   EXPECT_EQ(thrownText([&] { sm->makeDataRecord(std::string(255, 'x'), 1); }),
-             "intfNameLen < 255");
-   EXPECT_EQ(thrownText([&] { sm->makeDataRecord("", 1); }), "pos + sizeof( U8 ) < max");
 }
 
 }  // namespace
