@@ -137,13 +137,17 @@ TEST_F(OptionsDataExportTest, FullTablesReachEveryCollectorAfterItsOptionsTempla
    EXPECT_EQ(entry->exportedMessageTotalCount(), 1u + msgCount) << "options templates, then data";
 }
 
-TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessage) {
+TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessageNullsAreNothing) {
    fill(2);
    startExporter();
    sched_->runFor(0);
    optionsData(c4_);
 
+   update_->addUpdate(intfSetId, nullptr);  // nothing to send
+   EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
    update_->addUpdate(intfSetId, intfRecord(10, "Ethernet10"));
+   update_->addUpdate(intfSetId, nullptr);
+   EXPECT_EQ(exporter_->updateQueueBytes(), 15u);
    sched_->runFor(0.6);
    update_->addUpdate(intfSetId, intfRecord(11, "Ethernet11"));  // does not push the deadline
    sched_->runFor(0.3);
@@ -175,21 +179,6 @@ TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessage)
    d = optionsData(c4_);
    ASSERT_FALSE(d.empty());
    EXPECT_EQ(records(d).size(), 6u);
-}
-
-TEST_F(OptionsDataExportTest, NullUpdateIsQueuedAsNothingToSend) {
-   fill(1);
-   startExporter();
-   sched_->runFor(0);
-   optionsData(c4_);
-   update_->addUpdate(intfSetId, nullptr);
-   EXPECT_EQ(update_->version(), 1u);
-   EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
-   update_->addUpdate(intfSetId, intfRecord(5, "Ethernet5"));
-   update_->addUpdate(intfSetId, nullptr);
-   EXPECT_EQ(exporter_->updateQueueBytes(), 14u);
-   sched_->runFor(1.0);
-   EXPECT_EQ(records(optionsData(c4_)), (std::vector<Record>{intf(5, "Ethernet5")}));
 }
 
 // The smallest MTU leaves 125 octets a message: headers of 20 and a record

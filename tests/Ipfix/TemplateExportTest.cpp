@@ -256,14 +256,6 @@ TEST_F(TemplateExportTest, StatisticsCountWhatWasSentAndGoWithTheirOwners) {
    EXPECT_EQ(entry->setEntry(SetId(3)).exportedTemplateCount(), 4u);
    EXPECT_EQ(entry->lastTemplateSentTime(), Kel::System::currentTime());
 
-   // Removing a collector removes its entry.
-   exp_->collectorIpAndPortDel("c4");
-   EXPECT_FALSE(stats_->stats(key4).has_value());
-   EXPECT_TRUE(stats_
-                   ->stats(CollectorStatisticsKey(
-                       "t1", "e1", CollectorInfo::fromIp6AndPort(rx6_.receiver().ip6AndPort())))
-                   .has_value());
-
    // Clear times go with their exporter and tracker: a table sized for the
    // configuration never fills with those of removed ones. A clear turns the
    // entries it matches into one clear-time entry; the next templates bring
