@@ -265,19 +265,6 @@ TEST_F(OptionsDataExportTest, FailingCollectorDoesNotStopTheOthers) {
    EXPECT_EQ(sorted(records(optionsData(c4_))), expectedTable(5));
 }
 
-// A full statistics table refuses new entries; sending goes on regardless.
-TEST_F(OptionsDataExportTest, FullStatisticsTableCostsOnlyTheCounts) {
-   stats_ = Kel::makeActive<Vorpa::Ipfix::CollectorStatistics>(
-       "full", Vorpa::Ipfix::CollectorStatisticsTable::createAnonymous("full", 1));
-   fill(50);
-   startExporter();
-   sched_->runFor(0);
-   EXPECT_EQ(sorted(records(optionsData(c4_))), expectedTable(50));
-   EXPECT_EQ(sorted(records(optionsData(c6_))), expectedTable(50));
-   EXPECT_EQ(stats_->statsControl().size(), 1u);
-   EXPECT_GT(stats_->statsControl().insertRefusedCount(), 0u);
-}
-
 // The configuration changes from inside a send, halfway through the full
 // tables: the transmission goes on for the others, and the changed collector
 // gets what its new state calls for (readdressed: all of it at the new
