@@ -64,9 +64,9 @@ class OptionsDataExportTest : public ExportFixture {
       container_->updateIs(update_);
    }
 
-   void fill(Kel::U32 count, const std::string& prefix = "Ethernet") {
+   void fill(Kel::U32 count) {
       for (Kel::U32 i = 1; i <= count; ++i) {
-         source_->dataRecordIs(intfRecord(i, prefix + std::to_string(i)));
+         source_->dataRecordIs(intfRecord(i, "Ethernet" + std::to_string(i)));
       }
       source_->versionInc(1);
    }
@@ -78,11 +78,18 @@ class OptionsDataExportTest : public ExportFixture {
           "e1", "t1", 7, hwConfig_->hwFtConfig("t1"), exp_, exporterInfo("t1", "e1"), stats_,
           container_, sched_);
    }
+   // Started over `count` interfaces, the first full table received.
+   void startedWith(Kel::U32 count) {
+      fill(count);
+      startExporter();
+      sched_->runFor(0);
+      optionsData(c4_);
+   }
 
-   std::vector<Record> expectedTable(Kel::U32 count, const std::string& prefix = "Ethernet") {
+   std::vector<Record> expectedTable(Kel::U32 count) {
       std::vector<Record> all;
       for (Kel::U32 i = 1; i <= count; ++i) {
-         all.push_back(intf(i, prefix + std::to_string(i)));
+         all.push_back(intf(i, "Ethernet" + std::to_string(i)));
       }
       return all;
    }
@@ -138,10 +145,7 @@ TEST_F(OptionsDataExportTest, FullTablesReachEveryCollectorAfterItsOptionsTempla
 }
 
 TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessageNullsAreNothing) {
-   fill(2);
-   startExporter();
-   sched_->runFor(0);
-   optionsData(c4_);
+   startedWith(2);
 
    update_->addUpdate(intfSetId, nullptr);  // nothing to send
    EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
@@ -209,10 +213,7 @@ INSTANTIATE_TEST_SUITE_P(NameLengths, LongestRecordTest, ::testing::Values(100u,
 // A flush that uses up its turn sends what it packed, gives the turn back
 // and goes on with the rest in the next one, in queue order.
 TEST_F(OptionsDataExportTest, UpdateFlushYieldsAndResumes) {
-   fill(1);
-   startExporter();
-   sched_->runFor(0);
-   optionsData(c4_);
+   startedWith(1);
    sched_->timeSliceIs(0);  // every check finds the turn used up
    std::vector<Record> sent;
    for (Kel::U32 i = 10; i < 14; ++i) {
@@ -228,11 +229,8 @@ TEST_F(OptionsDataExportTest, UpdateFlushYieldsAndResumes) {
 }
 
 TEST_F(OptionsDataExportTest, PeriodicTransmissionDiscardsQueuedUpdates) {
-   fill(2);
    hwConfig_->hwFtConfig("t1")->activeIntervalIs(10000);
-   startExporter();
-   sched_->runFor(0);
-   optionsData(c4_);
+   startedWith(2);
    sched_->runFor(9.5);
    update_->addUpdate(intfSetId, intfRecord(9, "Ethernet9"));
    source_->dataRecordIs(intfRecord(9, "Ethernet9"));
