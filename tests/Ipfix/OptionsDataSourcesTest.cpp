@@ -13,17 +13,6 @@ namespace {
 using FlowTracking::OptionsDataScope;
 using R = Ipfix::RecordType;
 
-// A data source and the update of its scope, as the managers hand them over.
-struct SourceAndUpdate {
-   SourceAndUpdate(OptionsDataScope scope, FlowTracking::TemplateId setId)
-       : coll(Kel::makeActive<FlowTracking::OptionsDataSourceColl>(scope)),
-         source(coll->sourceIs("source", setId)),
-         update(Kel::makeActive<FlowTracking::OptionsDataUpdate>(scope)) {}
-   Kel::Ptr<FlowTracking::OptionsDataSourceColl> coll;
-   Kel::Ptr<FlowTracking::OptionsDataSource> source;
-   Kel::Ptr<FlowTracking::OptionsDataUpdate> update;
-};
-
 struct Field {
    Kel::U32 position;
    R element;
@@ -53,9 +42,13 @@ TEST(FlowKeyRecord, IndicatorBitsFollowPositionsIn32BitsSignExtended) {
         {{0, R::sourceIPv6Address, false}, {1, R::destinationIPv4Address, false}},
         std::nullopt},
    };
-   const SourceAndUpdate su(OptionsDataScope::scopeTracker, FlowTracking::FlowKeySm::setId());
+   const auto sources =
+       Kel::makeActive<FlowTracking::OptionsDataSourceColl>(OptionsDataScope::scopeTracker);
+   const auto update =
+       Kel::makeActive<FlowTracking::OptionsDataUpdate>(OptionsDataScope::scopeTracker);
    const auto status = Kel::makeActive<HwFlowTracking::FtStatus>("ft1");
-   const auto sm = Kel::makePtr<FlowTracking::FlowKeySm>(su.source, su.update, status);
+   const auto sm = Kel::makePtr<FlowTracking::FlowKeySm>(
+       sources->sourceIs("source", FlowTracking::FlowKeySm::setId()), update, status);
    HwFlowTracking::TemplateId id = 256;
    for (const auto& c : cases) {
       SCOPED_TRACE(c.name);
