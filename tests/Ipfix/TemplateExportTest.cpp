@@ -109,8 +109,8 @@ class TemplateExportTest : public ExportFixture {
 };
 
 // Every collector learns the data and options templates at start, at once when
-// added later, and again when a template changes.
-TEST_F(TemplateExportTest, CollectorsLearnTemplatesAtStartWhenAddedAndChanged) {
+// added later, again when a template changes, and each templateInterval.
+TEST_F(TemplateExportTest, CollectorsLearnTemplatesAtStartWhenAddedChangedAndEachPeriod) {
    startTemplates();
    sched_->runFor(0);
    for (auto* rx : {&rx4_, &rx6_}) {
@@ -144,6 +144,24 @@ TEST_F(TemplateExportTest, CollectorsLearnTemplatesAtStartWhenAddedAndChanged) {
       const Learnt l = learn(*rx, 7);
       ASSERT_EQ(l.data.size(), 2u);
       EXPECT_EQ(l.data[0], (Template{280, 0, {{0, 27, 16}, {0, 1, 4}}}));
+   }
+
+   // A new interval sends at once and restarts the period, in whole seconds.
+   exp_->templateIntervalIs(1500);
+   sched_->runFor(0);
+   for (auto* rx : {&rx4_, &rx6_, &late}) {
+      EXPECT_EQ(learn(*rx, 7).messages.size(), 2u);
+   }
+   sched_->runFor(0.9);
+   EXPECT_TRUE(rx4_.receiveAll().empty());
+   sched_->runFor(0.1);
+   for (auto* rx : {&rx4_, &rx6_, &late}) {
+      const Learnt l = learn(*rx, 7);
+      ASSERT_EQ(l.messages.size(), 2u);
+      for (const auto& m : l.messages) {
+         EXPECT_EQ(m.decoded.exportTime, static_cast<std::uint32_t>(Kel::System::currentTimeUtc()))
+             << "export time is the time of the send";
+      }
    }
 }
 
@@ -182,25 +200,6 @@ TEST_F(TemplateExportTest, CollectorsGetDataTemplatesOnceThereAreAny) {
    sched_->runFor(0);
    for (auto* rx : {&rx4_, &late}) {
       EXPECT_EQ(learn(*rx, 7).data, std::vector<Template>{expectedDataTemplates[0]});
-   }
-}
-
-// A new interval sends at once and restarts the period, in whole seconds.
-TEST_F(TemplateExportTest, PeriodIsTemplateIntervalInWholeSeconds) {
-   startTemplates();
-   sched_->runFor(0);
-   learn(rx4_, 7);
-   exp_->templateIntervalIs(1500);
-   sched_->runFor(0);
-   EXPECT_EQ(learn(rx4_, 7).messages.size(), 2u);
-   sched_->runFor(0.9);
-   EXPECT_TRUE(rx4_.receiveAll().empty());
-   sched_->runFor(0.1);
-   const Learnt l = learn(rx4_, 7);
-   ASSERT_EQ(l.messages.size(), 2u);
-   for (const auto& m : l.messages) {
-      EXPECT_EQ(m.decoded.exportTime, static_cast<std::uint32_t>(Kel::System::currentTimeUtc()))
-          << "export time is the time of the send";
    }
 }
 
