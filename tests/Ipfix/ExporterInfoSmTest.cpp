@@ -12,8 +12,6 @@ namespace {
 
 class ExporterTest : public ExportFixture {
  public:
-   static Nivel::IpAndPort v4(const char* text) { return *Nivel::IpAndPort::parse(text); }
-   static Nivel::Ip6AndPort v6(const char* text) { return *Nivel::Ip6AndPort::parse(text); }
    Kel::Ptr<FlowTracking::ExporterInfoSm> exporterSm(const Kel::Name& tracker,
                                                      const Kel::Name& exporter) const {
       const auto t = sm_->ftInfoSm(tracker);
@@ -22,38 +20,13 @@ class ExporterTest : public ExportFixture {
    void SetUp() override {
       addTracker("t1");
       exp_ = addExporter("t1", "e1");
-      exp_->collectorIpAndPortIs("c1", v4("192.0.2.1:4739"));
-      exp_->collectorIp6AndPortIs("c2", v6("[2001:db8::2]:4739"));
-      exp_->collectorIpAndPortIs("c3", v4("192.0.2.3:4739"));
-      exp_->collectorIp6AndPortIs("c3", v6("[2001:db8::3]:4739"));
-      exp_->vrfNameIs("blue");
+      exp_->collectorIpAndPortIs("c1", *Nivel::IpAndPort::parse("192.0.2.1:4739"));
+      exp_->collectorIp6AndPortIs("c2", *Nivel::Ip6AndPort::parse("[2001:db8::2]:4739"));
    }
    Kel::Ptr<FlowTracking::ExporterInfo> info() const { return exporterInfo("t1", "e1"); }
-   std::vector<Kel::String> collectorNames() const {
-      std::vector<Kel::String> names;
-      for (const auto& [name, c] : info()->collInfo()) {
-         names.push_back(name);
-      }
-      return names;
-   }
 
    Kel::Ptr<HwFlowTracking::ExporterConfig> exp_;
 };
-
-TEST_F(ExporterTest, CollectorRecordKeepsItsSequenceWhileAnyMapHasTheName) {
-   start();
-   sched_->runFor(0);
-   info()->collInfo("c3")->ipfixMsgSeqNoIs(Ipfix::IpfixMsgSeqNo(5));
-   exp_->collectorIpAndPortIs("c3", v4("192.0.2.33:2055"));  // readdressed
-   EXPECT_EQ(info()->collInfo("c3")->ipfixMsgSeqNo().value(), 5u);
-   exp_->collectorIpAndPortDel("c3");
-   EXPECT_EQ(info()->collInfo("c3")->ipfixMsgSeqNo().value(), 5u);
-   exp_->collectorIp6AndPortDel("c3");
-   EXPECT_EQ(info()->collInfo("c3"), nullptr);
-   exp_->collectorIpAndPortIs("c3", v4("192.0.2.3:4739"));
-   EXPECT_EQ(info()->collInfo("c3")->ipfixMsgSeqNo().value(), 0u);
-   EXPECT_EQ(collectorNames(), (std::vector<Kel::String>{"c1", "c2", "c3"}));
-}
 
 // Readiness and the active/inactive messages, step by step, one scenario a
 // fresh tree.
@@ -94,13 +67,6 @@ TEST_P(ExporterReadinessTest, ReadinessAndLogsFollowTransitionsOnly) {
       EXPECT_EQ(exp_->exporter4Ready(), step.ready4);
       EXPECT_EQ(exp_->exporter6Ready(), step.ready6);
       EXPECT_EQ(exp_->rxPort4(), step.hwRxPort4);
-   }
-   for (const auto& line : logs.lines()) {
-      const bool active = line.find("EXPORTER_ACTIVE") != std::string::npos;
-      EXPECT_EQ(line, active ? "%FLOWTRACKING-6-EXPORTER_ACTIVE: IPFIX exporter e1 in VRF "
-                               "blue, in Hardware flow tracker t1 is active."
-                             : "%FLOWTRACKING-6-EXPORTER_INACTIVE: IPFIX exporter e1 in VRF "
-                               "blue, in Hardware flow tracker t1 is inactive.");
    }
 }
 
@@ -143,13 +109,9 @@ TEST_P(ExporterDeletionTest, DeletionClosesSocketsDropsCollectorsAndClearsPublis
    exp_->exporter4ReadyIs(true);  // as another thread would have published
    exp_->rxPort6Is(1234);
    const auto record = info();
-   const auto pam4 = record->udpPam4();
-   const auto pam6 = record->udpPam6();
 
    Kel::LogCapture logs;
    hwConfig_->hwFtConfig("t1")->expConfigDel("e1");
-   EXPECT_EQ(pam4->mode(), 0);
-   EXPECT_EQ(pam6->mode(), 0);
    EXPECT_EQ(record->udpPam4(), nullptr);
    EXPECT_EQ(record->udpPam6(), nullptr);
    EXPECT_TRUE(record->collInfo().empty());
@@ -189,10 +151,8 @@ TEST_F(ExporterTest, SocketOpenFailureLeavesOnlyThatExporterInactive) {
 
    EXPECT_EQ(info()->udpPam4(), nullptr);
    EXPECT_EQ(info()->udpPam6(), nullptr) << "IPv6 is not tried after IPv4 failed";
-   EXPECT_EQ(collectorNames(), (std::vector<Kel::String>{"c1", "c2", "c3"}));
-   EXPECT_EQ(capture.lines(1), std::vector<Kel::String>{
-                                   "Caught ErrnoException: open udpPam4-t1-e1: Permission denied "
-                                   "(errno 13)"});
+   EXPECT_EQ(info()->collInfo().size(), 2u) << "the collectors stay";
+   EXPECT_EQ(capture.lines(1).size(), 1u) << "reported once";
    EXPECT_EQ(sched_->taskExceptions(), 1u);
    {
       // The scheduler counts what the library reported, without a second report.

@@ -64,9 +64,9 @@ class OptionsDataExportTest : public ExportFixture {
       container_->updateIs(update_);
    }
 
-   void fill(Kel::U32 count, const std::string& prefix = "Ethernet") {
+   void fill(Kel::U32 count) {
       for (Kel::U32 i = 1; i <= count; ++i) {
-         source_->dataRecordIs(intfRecord(i, prefix + std::to_string(i)));
+         source_->dataRecordIs(intfRecord(i, "Ethernet" + std::to_string(i)));
       }
       source_->versionInc(1);
    }
@@ -78,11 +78,18 @@ class OptionsDataExportTest : public ExportFixture {
           "e1", "t1", 7, hwConfig_->hwFtConfig("t1"), exp_, exporterInfo("t1", "e1"), stats_,
           container_, sched_);
    }
+   // Started over `count` interfaces, the first full table received.
+   void startedWith(Kel::U32 count) {
+      fill(count);
+      startExporter();
+      sched_->runFor(0);
+      optionsData(c4_);
+   }
 
-   std::vector<Record> expectedTable(Kel::U32 count, const std::string& prefix = "Ethernet") {
+   std::vector<Record> expectedTable(Kel::U32 count) {
       std::vector<Record> all;
       for (Kel::U32 i = 1; i <= count; ++i) {
-         all.push_back(intf(i, prefix + std::to_string(i)));
+         all.push_back(intf(i, "Ethernet" + std::to_string(i)));
       }
       return all;
    }
@@ -137,13 +144,14 @@ TEST_F(OptionsDataExportTest, FullTablesReachEveryCollectorAfterItsOptionsTempla
    EXPECT_EQ(entry->exportedMessageTotalCount(), 1u + msgCount) << "options templates, then data";
 }
 
-TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessage) {
-   fill(2);
-   startExporter();
-   sched_->runFor(0);
-   optionsData(c4_);
+TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessageNullsAreNothing) {
+   startedWith(2);
 
+   update_->addUpdate(intfSetId, nullptr);  // nothing to send
+   EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
    update_->addUpdate(intfSetId, intfRecord(10, "Ethernet10"));
+   update_->addUpdate(intfSetId, nullptr);
+   EXPECT_EQ(exporter_->updateQueueBytes(), 15u);
    sched_->runFor(0.6);
    update_->addUpdate(intfSetId, intfRecord(11, "Ethernet11"));  // does not push the deadline
    sched_->runFor(0.3);
@@ -177,21 +185,6 @@ TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessage)
    EXPECT_EQ(records(d).size(), 6u);
 }
 
-TEST_F(OptionsDataExportTest, NullUpdateIsQueuedAsNothingToSend) {
-   fill(1);
-   startExporter();
-   sched_->runFor(0);
-   optionsData(c4_);
-   update_->addUpdate(intfSetId, nullptr);
-   EXPECT_EQ(update_->version(), 1u);
-   EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
-   update_->addUpdate(intfSetId, intfRecord(5, "Ethernet5"));
-   update_->addUpdate(intfSetId, nullptr);
-   EXPECT_EQ(exporter_->updateQueueBytes(), 14u);
-   sched_->runFor(1.0);
-   EXPECT_EQ(records(optionsData(c4_)), (std::vector<Record>{intf(5, "Ethernet5")}));
-}
-
 // The smallest MTU leaves 125 octets a message: headers of 20 and a record
 // of 105 fit (a name of 100); a record one octet longer fits no message at
 // all.
@@ -220,10 +213,7 @@ INSTANTIATE_TEST_SUITE_P(NameLengths, LongestRecordTest, ::testing::Values(100u,
 // A flush that uses up its turn sends what it packed, gives the turn back
 // and goes on with the rest in the next one, in queue order.
 TEST_F(OptionsDataExportTest, UpdateFlushYieldsAndResumes) {
-   fill(1);
-   startExporter();
-   sched_->runFor(0);
-   optionsData(c4_);
+   startedWith(1);
    sched_->timeSliceIs(0);  // every check finds the turn used up
    std::vector<Record> sent;
    for (Kel::U32 i = 10; i < 14; ++i) {
@@ -239,11 +229,8 @@ TEST_F(OptionsDataExportTest, UpdateFlushYieldsAndResumes) {
 }
 
 TEST_F(OptionsDataExportTest, PeriodicTransmissionDiscardsQueuedUpdates) {
-   fill(2);
    hwConfig_->hwFtConfig("t1")->activeIntervalIs(10000);
-   startExporter();
-   sched_->runFor(0);
-   optionsData(c4_);
+   startedWith(2);
    sched_->runFor(9.5);
    update_->addUpdate(intfSetId, intfRecord(9, "Ethernet9"));
    source_->dataRecordIs(intfRecord(9, "Ethernet9"));
@@ -274,19 +261,6 @@ TEST_F(OptionsDataExportTest, FailingCollectorDoesNotStopTheOthers) {
    Nivel::UdpPam::faultsIs({});
    sched_->runFor(300);
    EXPECT_EQ(sorted(records(optionsData(c4_))), expectedTable(5));
-}
-
-// A full statistics table refuses new entries; sending goes on regardless.
-TEST_F(OptionsDataExportTest, FullStatisticsTableCostsOnlyTheCounts) {
-   stats_ = Kel::makeActive<Vorpa::Ipfix::CollectorStatistics>(
-       "full", Vorpa::Ipfix::CollectorStatisticsTable::createAnonymous("full", 1));
-   fill(50);
-   startExporter();
-   sched_->runFor(0);
-   EXPECT_EQ(sorted(records(optionsData(c4_))), expectedTable(50));
-   EXPECT_EQ(sorted(records(optionsData(c6_))), expectedTable(50));
-   EXPECT_EQ(stats_->statsControl().size(), 1u);
-   EXPECT_GT(stats_->statsControl().insertRefusedCount(), 0u);
 }
 
 // The configuration changes from inside a send, halfway through the full

@@ -5,26 +5,13 @@
 #include <vector>
 
 #include "Ipfix/OptionsDataSourceFlowKeySm.h"
-#include "Ipfix/OptionsDataSourceIntfTableSm.h"
-#include "support/ThrownText.h"
 
-// The edges of two options records that the loopback and agent tests, which
+// The edges of the flow key record that the loopback and agent tests, which
 // decode whole tables, never reach.
 namespace {
 
 using FlowTracking::OptionsDataScope;
 using R = Ipfix::RecordType;
-
-// A data source and the update of its scope, as the managers hand them over.
-struct SourceAndUpdate {
-   SourceAndUpdate(OptionsDataScope scope, FlowTracking::TemplateId setId)
-       : coll(Kel::makeActive<FlowTracking::OptionsDataSourceColl>(scope)),
-         source(coll->sourceIs("source", setId)),
-         update(Kel::makeActive<FlowTracking::OptionsDataUpdate>(scope)) {}
-   Kel::Ptr<FlowTracking::OptionsDataSourceColl> coll;
-   Kel::Ptr<FlowTracking::OptionsDataSource> source;
-   Kel::Ptr<FlowTracking::OptionsDataUpdate> update;
-};
 
 struct Field {
    Kel::U32 position;
@@ -55,9 +42,13 @@ TEST(FlowKeyRecord, IndicatorBitsFollowPositionsIn32BitsSignExtended) {
         {{0, R::sourceIPv6Address, false}, {1, R::destinationIPv4Address, false}},
         std::nullopt},
    };
-   const SourceAndUpdate su(OptionsDataScope::scopeTracker, FlowTracking::FlowKeySm::setId());
+   const auto sources =
+       Kel::makeActive<FlowTracking::OptionsDataSourceColl>(OptionsDataScope::scopeTracker);
+   const auto update =
+       Kel::makeActive<FlowTracking::OptionsDataUpdate>(OptionsDataScope::scopeTracker);
    const auto status = Kel::makeActive<HwFlowTracking::FtStatus>("ft1");
-   const auto sm = Kel::makePtr<FlowTracking::FlowKeySm>(su.source, su.update, status);
+   const auto sm = Kel::makePtr<FlowTracking::FlowKeySm>(
+       sources->sourceIs("source", FlowTracking::FlowKeySm::setId()), update, status);
    HwFlowTracking::TemplateId id = 256;
    for (const auto& c : cases) {
       SCOPED_TRACE(c.name);
@@ -83,17 +74,6 @@ TEST(FlowKeyRecord, IndicatorBitsFollowPositionsIn32BitsSignExtended) {
       ++id;
    }
    EXPECT_EQ(sm->makeDataRecord(999), nullptr) << "absent template";
-}
-
-TEST(InterfaceTableRecord, NamesMustBeShortFormAndNotEmpty) {
-   const SourceAndUpdate su(OptionsDataScope::scopeGlobal, FlowTracking::InterfaceTableSm::setId());
-   const auto sm = Kel::makePtr<FlowTracking::InterfaceTableSm>(
-       su.source, su.update, Kel::makeActive<FlowTracking::IntfIndexMap>());
-   EXPECT_EQ(sm->makeDataRecord("Ethernet1", 17)->data(), std::string("\0\0\0\x11\tEthernet1", 14));
-   EXPECT_EQ(sm->makeDataRecord(std::string(254, 'x'), 1)->dataLen(), 259u);
-   EXPECT_EQ(thrownText([&] { sm->makeDataRecord(std::string(255, 'x'), 1); }),
-             "intfNameLen < 255");
-   EXPECT_EQ(thrownText([&] { sm->makeDataRecord("", 1); }), "pos + sizeof( U8 ) < max");
 }
 
 }  // namespace
