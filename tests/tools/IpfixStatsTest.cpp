@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <functional>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <regex>
 
 #include "Ipfix/CollectorStatsUpdate.h"
@@ -81,40 +81,6 @@ struct IpfixStatsTest : ::testing::Test {
        Vorpa::Ipfix::collectorStatisticsFactory(name, 16);
 };
 
-const char* const textReport = R"(Table T: 2 collectors, capacity 16, 0 inserts refused
-Tracker ft1, cleared never
-  Exporter exp1, cleared never
-    Collector 192.0.2.1:4739
-      messages 2, records 7, octets 500
-      last sent 50 s ago, template 100 s ago, data never, options data 50 s ago
-      set 2: records 0, templates 3
-      set 256: records 5, templates 0
-      set 257: records 2, templates 0
-  Exporter exp2, cleared 20 s ago
-Tracker ft2, cleared 5 s ago
-  Exporter exp9, cleared 5 s ago
-    Collector 192.0.2.7:2055
-      messages 1, records 1, octets 90
-      last sent 1 s ago, template never, data never, options data 1 s ago
-      set 256: records 1, templates 0
-)";
-
-const char* const jsonReport = R"({"table": "T", "capacity": 16, "insertsRefused": 0, "trackers": [
-  {"name": "ft1", "clearedSecondsAgo": null, "exporters": [
-    {"name": "exp1", "clearedSecondsAgo": null, "collectors": [
-      {"collector": "192.0.2.1:4739", "messages": 2, "records": 7, "octets": 500,
-       "lastSentSecondsAgo": 50, "lastTemplateSentSecondsAgo": 100,
-       "lastDataRecordSentSecondsAgo": null, "lastOptionsDataSentSecondsAgo": 50,
-       "sets": [{"setId": 2, "records": 0, "templates": 3}, {"setId": 256, "records": 5,
-                "templates": 0}, {"setId": 257, "records": 2, "templates": 0}]}]},
-    {"name": "exp2", "clearedSecondsAgo": 20, "collectors": []}]},
-  {"name": "ft2", "clearedSecondsAgo": 5, "exporters": [
-    {"name": "exp9", "clearedSecondsAgo": 5, "collectors": [
-      {"collector": "192.0.2.7:2055", "messages": 1, "records": 1, "octets": 90,
-       "lastSentSecondsAgo": 1, "lastTemplateSentSecondsAgo": null,
-       "lastDataRecordSentSecondsAgo": null, "lastOptionsDataSentSecondsAgo": 1,
-       "sets": [{"setId": 256, "records": 1, "templates": 0}]}]}]}]})";
-
 // As prometheus_client reads it: every family typed and documented, a kind
 // of message never sent without an age sample, a tracker's exporter without
 // collectors without samples at all.
@@ -151,44 +117,54 @@ ipfix_collector_last_sent_seconds{collector="192.0.2.7:2055",exporter="exp9",kin
 ipfix_collector_last_sent_seconds{collector="192.0.2.7:2055",exporter="exp9",kind="options_data",tracker="ft2"} 1
 )";
 
-// Each format compared whole, except that an age may exceed its nominal
-// value by the time the test took.
+// The OpenMetrics exposition compared whole as prometheus_client reads it
+// (an age may exceed its nominal value by the time the test took); of the
+// other formats, what it does not show: clear times, kinds of message never
+// sent, an exporter without collectors.
 TEST_F(IpfixStatsTest, PrintsTheTableInEachFormat) {
-   const auto asJson = [](const std::string& text) { return nlohmann::json::parse(text).dump(); };
-   const struct {
-      std::vector<std::string> args;
-      std::function<std::string(const std::string&)> read;
-      const char* age;
-      std::string expected;
-   } formats[] = {
-       {{}, [](const std::string& text) { return text; }, "([0-9.]+) s ago", textReport},
-       {{"--json"}, asJson, R"(SecondsAgo":([-0-9.e+]+))", asJson(jsonReport)},
-       {{"--format", "openmetrics"},
-        [](const std::string& text) {
-           const ChildProcess::Result read = ToolTest::readOpenMetrics(text);
-           return read.out + read.err;
-        },
-        R"(_seconds\{.*\} ([-0-9.e+]+))",
-        openMetricsReport},
-   };
-   for (const auto& f : formats) {
-      SCOPED_TRACE(f.age);
-      std::vector<std::string> args = f.args;
+   const auto run = [&](std::vector<std::string> args) {
       args.insert(args.end(), {"--table", name.str()});
       const ChildProcess::Result result = ToolTest::ipfixStats(args);
-      const Kel::Seconds late = Kel::SystemClock().monotonic() - writtenAt;
-      ASSERT_EQ(result.exitCode, 0) << result.err;
+      EXPECT_EQ(result.exitCode, 0) << result.err;
       EXPECT_EQ(result.err, "");
-      const auto [text, ages] =
-          withoutAges(f.read(std::regex_replace(result.out, std::regex(name.str()), "T")), f.age);
-      const auto [expected, nominal] = withoutAges(f.expected, f.age);
-      EXPECT_EQ(text, expected);
-      ASSERT_EQ(ages.size(), nominal.size());
-      for (std::size_t i = 0; i < nominal.size(); ++i) {
-         EXPECT_GE(ages[i], nominal[i] - 0.05) << i;
-         EXPECT_LE(ages[i], nominal[i] + late + 0.05) << i;
-      }
+      return std::regex_replace(result.out, std::regex(name.str()), "T");
+   };
+   const ChildProcess::Result read = ToolTest::readOpenMetrics(run({"--format", "openmetrics"}));
+   const auto json = nlohmann::json::parse(run({"--json"}));
+   const std::string text = run({});
+   const double late = Kel::SystemClock().monotonic() - writtenAt + 0.05;
+   const auto expectAge = [&](double age, double nominal) {
+      EXPECT_GE(age, nominal - 0.05);
+      EXPECT_LE(age, nominal + late);
+   };
+
+   const char* const om = R"(_seconds\{.*\} ([-0-9.e+]+))";
+   const auto [samples, ages] = withoutAges(read.out + read.err, om);
+   const auto [expected, nominal] = withoutAges(openMetricsReport, om);
+   EXPECT_EQ(samples, expected);
+   ASSERT_EQ(ages.size(), nominal.size());
+   for (std::size_t i = 0; i < nominal.size(); ++i) {
+      expectAge(ages[i], nominal[i]);
    }
+
+   const auto& ft1 = json["trackers"][0];
+   EXPECT_EQ(ft1["clearedSecondsAgo"], nullptr);
+   EXPECT_EQ(ft1["exporters"][0]["collectors"][0]["lastDataRecordSentSecondsAgo"], nullptr);
+   EXPECT_EQ(ft1["exporters"][1]["name"], "exp2");
+   EXPECT_EQ(ft1["exporters"][1]["collectors"], nlohmann::json::array());
+   expectAge(ft1["exporters"][1]["clearedSecondsAgo"], 20);
+   expectAge(json["trackers"][1]["clearedSecondsAgo"], 5);
+   expectAge(json["trackers"][1]["exporters"][0]["clearedSecondsAgo"], 5);
+
+   const auto [plain, textAges] = withoutAges(text, "([0-9.]+) s ago");
+   EXPECT_TRUE(plain.starts_with("Table T: 2 collectors, capacity 16, 0 inserts refused\n"))
+       << text;
+   EXPECT_NE(plain.find("  Exporter exp2, cleared N s ago\nTracker ft2, cleared N s ago\n"),
+             std::string::npos)
+       << text;
+   EXPECT_NE(plain.find("last sent N s ago, template N s ago, data never, options data N s ago"),
+             std::string::npos)
+       << text;
 }
 
 // Names are the writer's octets: whatever they hold, the reports stay UTF-8,
@@ -247,34 +223,31 @@ TEST_F(IpfixStatsTest, WatchPrintsAgainAfterEveryChange) {
 }
 
 // A restarted agent replaces the table's segment: a watch goes on with the
-// new one and a one-shot run reads the new one, whether the old writer exited
-// or was killed.
+// new one and a one-shot run reads the new one.
 TEST(IpfixStatsRestart, WatchFollowsARestartedWriter) {
-   for (const bool killed : {false, true}) {
-      SCOPED_TRACE(killed ? "writer killed" : "writer exited");
-      const TestSupport::ScopedTableName name("restart");
-      auto writer = std::make_unique<ToolTest::StatsWriterProcess>(name, "ft-first");
-      ChildProcess watch({IPFIX_STATS_PATH, "--watch", "--json", "--table", name.str()});
-      // The tracker of the next report that has one: a watch may also report
-      // the new table before its writer filled it.
-      const auto nextTracker = [&]() -> std::string {
-         for (int report = 0; report < 4; ++report) {
-            const auto trackers = nlohmann::json::parse(watch.readLine().value())["trackers"];
-            if (!trackers.empty()) {
-               return trackers[0]["name"];
-            }
+   const TestSupport::ScopedTableName name("restart");
+   std::optional<ToolTest::StatsWriterProcess> writer;
+   writer.emplace(name, "ft-first");
+   ChildProcess watch({IPFIX_STATS_PATH, "--watch", "--json", "--table", name.str()});
+   // The tracker of the next report that has one: a watch may also report
+   // the new table before its writer filled it.
+   const auto nextTracker = [&]() -> std::string {
+      for (int report = 0; report < 4; ++report) {
+         const auto trackers = nlohmann::json::parse(watch.readLine().value())["trackers"];
+         if (!trackers.empty()) {
+            return trackers[0]["name"];
          }
-         return "(none)";
-      };
-      EXPECT_EQ(nextTracker(), "ft-first");
-      writer->stop(killed);
-      writer = std::make_unique<ToolTest::StatsWriterProcess>(name, "ft-second");
-      EXPECT_EQ(nextTracker(), "ft-second");
-      const ChildProcess::Result once = ToolTest::ipfixStats({"--json", "--table", name});
-      ASSERT_EQ(once.exitCode, 0) << once.err;
-      EXPECT_EQ(nlohmann::json::parse(once.out)["trackers"][0]["name"], "ft-second");
-      ToolTest::stop(watch);
-   }
+      }
+      return "(none)";
+   };
+   EXPECT_EQ(nextTracker(), "ft-first");
+   writer.reset();
+   writer.emplace(name, "ft-second");
+   EXPECT_EQ(nextTracker(), "ft-second");
+   const ChildProcess::Result once = ToolTest::ipfixStats({"--json", "--table", name});
+   ASSERT_EQ(once.exitCode, 0) << once.err;
+   EXPECT_EQ(nlohmann::json::parse(once.out)["trackers"][0]["name"], "ft-second");
+   ToolTest::stop(watch);
 }
 
 // Every failure that needs no agent running: one line, and the exit status
@@ -283,17 +256,11 @@ TEST(IpfixStatsErrors, OneLineAndTheExitStatusOfTheirKind) {
    const TestSupport::ScopedTableName missing("errmissing");
    const TestSupport::ScopedTableName layout("errlayout");
    const TestSupport::ScopedTableName header("errheader");
-   const TestSupport::ScopedTableName entry("errentry");
    const TestSupport::ScopedTableName stale("errstale");
    const auto otherLayout = Vorpa::Table<Kel::U64, Kel::U64>::create(layout, 4);
-   std::vector<Kel::Ptr<Vorpa::Ipfix::CollectorStatistics>> writers;
-   for (const std::string& damaged : {header.str(), entry.str()}) {
-      writers.push_back(Vorpa::Ipfix::collectorStatisticsFactory(damaged, 4));
-      ToolTest::addCollector(*writers.back(), "ft-damaged");
-   }
+   const auto writer = Vorpa::Ipfix::collectorStatisticsFactory(header, 4);
+   ToolTest::addCollector(*writer, "ft-damaged");
    TestSupport::SegmentBytes(header).bytes()[40] ^= 1;
-   TestSupport::SegmentBytes bytes(entry);
-   bytes.bytes()[bytes.find("ft-damaged", 10)] ^= 1;
    const TestSupport::ScopedRuntimeDirectory runtime;
    TestSupport::DatagramSocket(false).bindTo(runtime.socketOf(stale));
 
@@ -306,7 +273,6 @@ TEST(IpfixStatsErrors, OneLineAndTheExitStatusOfTheirKind) {
        {{"--table", "a/b"}, 2, "invalid table name 'a/b'"},
        {{"--table", layout}, 4, "holds other key or value types"},
        {{"--table", header}, 5, "has a corrupt header"},
-       {{"--table", entry}, 5, "has 1 corrupt entries"},
        {{"--json", "--format", "json"}, 2, "--json and --format do not go together"},
        {{"serve", "--listen", "localhost:9739"}, 2, "--listen: 'localhost:9739' is not ADDR:PORT"},
        {{"--table", "a/b", "serve", "--listen", "127.0.0.1:0"}, 2, "invalid table name 'a/b'"},
