@@ -70,12 +70,21 @@ struct IpfixStatsTest : ::testing::Test {
    }
    void sendToFt2() {
       const SetCount one[] = {{SetId(256), 1}};
-      Vorpa::Ipfix::statsUpdateAfterOptionsData(*stats, "ft2", "exp9", ft2Collector, 90, one);
+      Vorpa::Ipfix::statsUpdateAfterOptionsData(*stats, "ft2", exp9, ft2Collector, 90, one);
    }
 
    const TestSupport::ScopedTableName name{"tool"};
    const Kel::Seconds writtenAt = Kel::System::currentTime();
    const CollectorInfo ft2Collector = *CollectorInfo::parse("192.0.2.7:2055");
+   // Names are the writer's octets: ft2's exporter holds some that OpenMetrics
+   // escapes, then a surrogate, a code point past U+10FFFF, an overlong '/',
+   // the valid é, € and U+1D11E, overlong three- and four-octet forms and a
+   // sequence cut short. Reports stay UTF-8: each octet outside a valid
+   // sequence comes back as U+FFFD, as `exp9ReadBack` shows.
+   const std::string exp9 =
+       "exp9 \"q\" \\b\nl\xed\xa0\x80x\xf4\x90\x80\x80\xc0\xaf\xc3\xa9\xe2\x82\xac\xf0\x9d\x84\x9e"
+       "\xe0\x80\x80\xf0\x80\x80\x80\xc3";
+   const std::string exp9ReadBack = R"("exp9 \"q\" \\b\nl���x������é€𝄞��������")";
    Kel::ScopedManualClock clock{writtenAt - 1000};
    Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> stats =
        Vorpa::Ipfix::collectorStatisticsFactory(name, 16);
@@ -139,7 +148,11 @@ TEST_F(IpfixStatsTest, PrintsTheTableInEachFormat) {
    };
 
    const char* const om = R"(_seconds\{.*\} ([-0-9.e+]+))";
-   const auto [samples, ages] = withoutAges(read.out + read.err, om);
+   std::string exposition = read.out + read.err;
+   for (std::size_t at; (at = exposition.find(exp9ReadBack)) != std::string::npos;) {
+      exposition.replace(at, exp9ReadBack.size(), R"("exp9")");
+   }
+   const auto [samples, ages] = withoutAges(exposition, om);
    const auto [expected, nominal] = withoutAges(openMetricsReport, om);
    EXPECT_EQ(samples, expected);
    ASSERT_EQ(ages.size(), nominal.size());
@@ -167,38 +180,6 @@ TEST_F(IpfixStatsTest, PrintsTheTableInEachFormat) {
        << text;
 }
 
-// Names are the writer's octets: whatever they hold, the reports stay UTF-8,
-// the characters OpenMetrics escapes coming back as they were and each octet
-// outside a valid sequence as U+FFFD.
-TEST(IpfixStatsNames, OfAnyOctetsReportedAsUtf8) {
-   const TestSupport::ScopedTableName name("toolutf8");
-   // A surrogate, a code point past U+10FFFF, an overlong '/', the valid é,
-   // € and U+1D11E, overlong three- and four-octet forms.
-   const auto stats = Vorpa::Ipfix::collectorStatisticsFactory(name, 4);
-   ToolTest::addCollector(*stats, "ft \"q\" \\b\nl\xc3",
-                          "\xed\xa0\x80x\xf4\x90\x80\x80\xc0\xaf\xc3\xa9\xe2\x82\xac\xf0\x9d\x84"
-                          "\x9e\xe0\x80\x80\xf0\x80\x80\x80");
-   const std::string bad = "\xef\xbf\xbd";
-   const auto badTimes = [&](int n) {
-      std::string times;
-      while (n-- > 0) {
-         times += bad;
-      }
-      return times;
-   };
-
-   const ChildProcess::Result om =
-       ToolTest::ipfixStats({"--format", "openmetrics", "--table", name});
-   const ChildProcess::Result read = ToolTest::readOpenMetrics(om.out);
-   ASSERT_EQ(read.exitCode, 0) << read.err << om.out;
-   EXPECT_NE(
-       read.out.find(R"(ipfix_collector_messages_total{collector="192.0.2.1:4739",exporter=")" +
-                     badTimes(3) + "x" + badTimes(6) + "\xc3\xa9\xe2\x82\xac\xf0\x9d\x84\x9e" +
-                     badTimes(7) + R"(",tracker="ft \"q\" \\b\nl)" + bad + "\"} 0\n"),
-       std::string::npos)
-       << read.out;
-}
-
 // --watch sleeps on the table until the agent changes it, then prints again.
 TEST_F(IpfixStatsTest, WatchPrintsAgainAfterEveryChange) {
    ChildProcess watch({IPFIX_STATS_PATH, "--watch", "--json", "--table", name.str()});
@@ -213,7 +194,7 @@ TEST_F(IpfixStatsTest, WatchPrintsAgainAfterEveryChange) {
    sendToFt2();
    EXPECT_EQ(messagesOfFt2(), 2);
    ASSERT_TRUE(TestSupport::waitUntilAsleepInFutex(watch.pid())) << "the watch does not sleep";
-   stats->statsDel(Vorpa::Ipfix::CollectorStatisticsKey("ft2", "exp9", ft2Collector));
+   stats->statsDel(Vorpa::Ipfix::CollectorStatisticsKey("ft2", exp9, ft2Collector));
    EXPECT_EQ(messagesOfFt2(), nullptr);
    ToolTest::stop(watch);
 }
