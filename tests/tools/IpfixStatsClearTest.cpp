@@ -28,13 +28,13 @@ using TestSupport::DatagramSocket;
 using Entries = std::map<std::string, Vorpa::Ipfix::CollectorStatisticsEntry>;
 
 // Two trackers, ft1 with exporter e1 and ft2 with e2 and e3, each exporter
-// with one collector on loopback at `ports`.
-std::string config(const std::vector<int>& ports) {
+// with one collector on loopback at `port`.
+std::string config(int port) {
    const auto exporter = [&](int i) {
       const std::string n = std::to_string(i + 1);
       return "{ name: e" + n + ", source-ipv4: 127.0.0.1, template-interval-ms: 600000, " +
-             "collectors: [ { name: c" + n +
-             ", address: 127.0.0.1, port: " + std::to_string(ports.at(i)) + " } ] }";
+             "collectors: [ { name: c" + n + ", address: 127.0.0.1, port: " + std::to_string(port) +
+             " } ] }";
    };
    const std::string groups =
        "flow-groups: [ { template-id: 300, entries: 10, fields: [ "
@@ -52,12 +52,12 @@ class ExportingAgent {
    explicit ExportingAgent(const std::string& table, std::vector<std::string> args = {},
                            std::optional<uid_t> user = std::nullopt)
        : table_(table), config_(::testing::TempDir() + "clear-" + table + ".yaml") {
-      std::ofstream(config_) << config({rx_[0].port(), rx_[1].port(), rx_[2].port()});
+      std::ofstream(config_) << config(rx_.port());
       args.insert(args.begin(), {IPFIX_AGENT_PATH, "--config", config_, "--stats-table", table});
       process_.emplace(args, user);
       const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
       while (!exported() && std::chrono::steady_clock::now() < deadline) {
-         rx_[0].receiveWithin(10);
+         rx_.receiveWithin(10);
       }
    }
    ~ExportingAgent() { ::unlink(config_.c_str()); }
@@ -99,9 +99,7 @@ class ExportingAgent {
  private:
    std::string table_;
    std::string config_;
-   TestSupport::UdpReceiver rx_[3] = {TestSupport::UdpReceiver(false),
-                                      TestSupport::UdpReceiver(false),
-                                      TestSupport::UdpReceiver(false)};
+   TestSupport::UdpReceiver rx_{false};
    std::optional<ChildProcess> process_;
 };
 
@@ -186,7 +184,7 @@ TEST(IpfixStatsClear, SocketPathsTakenOrUnusableAreRefused) {
    const std::string file = runtime.socketOf(fileTable);
    std::ofstream(file) << "not a socket\n";
    const std::string configPath = ::testing::TempDir() + "clear-own.yaml";
-   std::ofstream(configPath) << config({1, 2, 3});
+   std::ofstream(configPath) << config(1);
    const struct {
       std::string table;
       std::vector<std::string> args;

@@ -3,12 +3,14 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <nlohmann/json.hpp>
+
 #include "support/ScopedTableName.h"
 #include "tools/ToolTest.h"
 
 // `ipfix-stats serve` as a monitoring system meets it: a process of its own,
 // scraped over HTTP by curl, while agents (stand-ins writing the table) come
-// and go.
+// and go; and a watch beside it, which follows them as well.
 namespace {
 
 using TestSupport::ChildProcess;
@@ -65,6 +67,20 @@ TEST(IpfixStatsServe, AnswersScrapesAndFollowsRestartedAgents) {
    EXPECT_NE(before.body.find("no table named"), std::string::npos) << before.body;
 
    auto writer = std::make_unique<ToolTest::StatsWriterProcess>(name, "ft-first");
+   // A watch goes on with the table of a restarted writer too.
+   ChildProcess watch({IPFIX_STATS_PATH, "--watch", "--json", "--table", name.str()});
+   // The tracker of the next report that has one: a watch may also report
+   // the new table before its writer filled it.
+   const auto nextTracker = [&]() -> std::string {
+      for (int report = 0; report < 4; ++report) {
+         const auto trackers = nlohmann::json::parse(watch.readLine().value())["trackers"];
+         if (!trackers.empty()) {
+            return trackers[0]["name"];
+         }
+      }
+      return "(none)";
+   };
+   EXPECT_EQ(nextTracker(), "ft-first");
    const Response first = fetch(url);
    EXPECT_EQ(first.status, 200);
    EXPECT_EQ(first.contentType, "application/openmetrics-text; version=1.0.0; charset=utf-8");
@@ -75,6 +91,8 @@ TEST(IpfixStatsServe, AnswersScrapesAndFollowsRestartedAgents) {
    const std::string restarted = samples(fetch(url));
    EXPECT_NE(restarted.find("tracker=\"ft-second\""), std::string::npos) << restarted;
    EXPECT_EQ(restarted.find("ft-first"), std::string::npos) << "the scrape read the replaced table";
+   EXPECT_EQ(nextTracker(), "ft-second");
+   ToolTest::stop(watch);
 
    // Requests it does not serve are refused, one that never ends holds up
    // nobody else, and the server goes on serving. (The connections close

@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <regex>
 
 #include "Ipfix/CollectorStatsUpdate.h"
@@ -196,34 +195,6 @@ TEST_F(IpfixStatsTest, WatchPrintsAgainAfterEveryChange) {
    ASSERT_TRUE(TestSupport::waitUntilAsleepInFutex(watch.pid())) << "the watch does not sleep";
    stats->statsDel(Vorpa::Ipfix::CollectorStatisticsKey("ft2", exp9, ft2Collector));
    EXPECT_EQ(messagesOfFt2(), nullptr);
-   ToolTest::stop(watch);
-}
-
-// A restarted agent replaces the table's segment: a watch goes on with the
-// new one and a one-shot run reads the new one.
-TEST(IpfixStatsRestart, WatchFollowsARestartedWriter) {
-   const TestSupport::ScopedTableName name("restart");
-   std::optional<ToolTest::StatsWriterProcess> writer;
-   writer.emplace(name, "ft-first");
-   ChildProcess watch({IPFIX_STATS_PATH, "--watch", "--json", "--table", name.str()});
-   // The tracker of the next report that has one: a watch may also report
-   // the new table before its writer filled it.
-   const auto nextTracker = [&]() -> std::string {
-      for (int report = 0; report < 4; ++report) {
-         const auto trackers = nlohmann::json::parse(watch.readLine().value())["trackers"];
-         if (!trackers.empty()) {
-            return trackers[0]["name"];
-         }
-      }
-      return "(none)";
-   };
-   EXPECT_EQ(nextTracker(), "ft-first");
-   writer.reset();
-   writer.emplace(name, "ft-second");
-   EXPECT_EQ(nextTracker(), "ft-second");
-   const ChildProcess::Result once = ToolTest::ipfixStats({"--json", "--table", name});
-   ASSERT_EQ(once.exitCode, 0) << once.err;
-   EXPECT_EQ(nlohmann::json::parse(once.out)["trackers"][0]["name"], "ft-second");
    ToolTest::stop(watch);
 }
 
