@@ -232,9 +232,6 @@ TEST(IpfixStatsErrors, OneLineAndTheExitStatusOfTheirKind) {
        {{"clear", "--control-socket", ""}, 2, "does not name a file"},
        {{"clear", "--tracker", "ft1", "--json"}, 2, "do not go with clear"},
        {{"clear", "--table", missing, "--tracker", "ft1"}, 6, "no agent running for table"},
-       {{"clear", "--table", missing, "--control-socket", runtime.path() + "/missing/x.sock"},
-        6,
-        "no agent running for table"},
        {{"clear", "--table", stale}, 6, "no agent running for table"},
    };
    for (const auto& c : cases) {
