@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -18,22 +19,8 @@ const std::string manDir = MAN_DIR;
 
 // Roff text as it reads: hyphens, no font changes, no zero-width escapes.
 std::string plain(const std::string& roff) {
-   std::string text;
-   for (std::size_t i = 0; i < roff.size(); ++i) {
-      if (roff[i] != '\\' || i + 1 == roff.size()) {
-         text += roff[i];
-      } else if (roff[i + 1] == '-') {
-         text += '-';
-         ++i;
-      } else if (roff[i + 1] == '%' || roff[i + 1] == '&') {
-         ++i;
-      } else if (roff[i + 1] == 'f' && i + 2 < roff.size()) {
-         i += 2;
-      } else {
-         text += roff[i];
-      }
-   }
-   return text;
+   return std::regex_replace(std::regex_replace(roff, std::regex(R"(\\f.|\\[%&])"), ""),
+                             std::regex(R"(\\-)"), "-");
 }
 
 // Options named by the tags of each section's (.SH) or subsection's (.SS)

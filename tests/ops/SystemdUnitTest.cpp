@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 #include "support/ChildProcess.h"
@@ -39,17 +40,12 @@ class UnitTree {
       return root_ / name;
    }
    fs::path systemdUnit(const std::string& name) const {
-      std::string text =
+      const std::string text =
           (std::stringstream() << std::ifstream(fs::path(SYSTEMD_DIR) / name).rdbuf()).str();
-      for (const auto& [installed, built] :
-           {std::pair<std::string, std::string>{"/usr/sbin/ipfix-agent", IPFIX_AGENT_PATH},
-            {"/usr/bin/ipfix-stats", IPFIX_STATS_PATH}}) {
-         for (auto at = text.find(installed); at != std::string::npos;
-              at = text.find(installed, at + built.size())) {
-            text.replace(at, installed.size(), built);
-         }
-      }
-      return unit(name, text);
+      return unit(
+          name, std::regex_replace(
+                    std::regex_replace(text, std::regex("/usr/sbin/ipfix-agent"), IPFIX_AGENT_PATH),
+                    std::regex("/usr/bin/ipfix-stats"), IPFIX_STATS_PATH));
    }
    std::string manPath() const { return (root_ / "man").string(); }
 

@@ -40,18 +40,17 @@ class ChildProcess {
       if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) {
          throw std::runtime_error("pipe");
       }
+      std::vector<char*> argv;
+      for (const std::string& a : args) {
+         argv.push_back(const_cast<char*>(a.c_str()));
+      }
+      argv.push_back(nullptr);
       if ((pid_ = fork()) == 0) {
          dup2(out[1], STDOUT_FILENO);
          dup2(err[1], STDERR_FILENO);
-         std::vector<char*> argv;
-         for (const std::string& a : args) {
-            argv.push_back(const_cast<char*>(a.c_str()));
+         if (!user || becomeUser(*user)) {
+            execv(argv[0], argv.data());
          }
-         argv.push_back(nullptr);
-         if (user && !becomeUser(*user)) {
-            _exit(126);
-         }
-         execv(argv[0], argv.data());
          _exit(127);
       }
       close(out[1]);

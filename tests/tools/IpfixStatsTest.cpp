@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <regex>
 
@@ -70,50 +69,25 @@ struct IpfixStatsTest : ::testing::Test {
    }
    void sendToFt2() {
       const SetCount one[] = {{SetId(256), 1}};
-      Vorpa::Ipfix::statsUpdateAfterOptionsData(*stats, "ft2", "exp9", ft2Collector, 90, one);
+      Vorpa::Ipfix::statsUpdateAfterOptionsData(*stats, "ft2", exp9, ft2Collector, 90, one);
    }
 
    const TestSupport::ScopedTableName name{"tool"};
    const Kel::Seconds writtenAt = Kel::System::currentTime();
    const CollectorInfo ft2Collector = *CollectorInfo::parse("192.0.2.7:2055");
+   // Names are the writer's octets: ft2's exporter holds some that OpenMetrics
+   // escapes, then a surrogate, a code point past U+10FFFF, an overlong '/',
+   // the valid é, € and U+1D11E, overlong three- and four-octet forms and a
+   // sequence cut short. Reports stay UTF-8: each octet outside a valid
+   // sequence comes back as U+FFFD, as `exp9ReadBack` shows.
+   const std::string exp9 =
+       "exp9 \"q\" \\b\nl\xed\xa0\x80x\xf4\x90\x80\x80\xc0\xaf\xc3\xa9\xe2\x82\xac\xf0\x9d\x84\x9e"
+       "\xe0\x80\x80\xf0\x80\x80\x80\xc3";
+   const std::string exp9ReadBack = R"("exp9 \"q\" \\b\nl���x������é€𝄞��������")";
    Kel::ScopedManualClock clock{writtenAt - 1000};
    Kel::Ptr<Vorpa::Ipfix::CollectorStatistics> stats =
        Vorpa::Ipfix::collectorStatisticsFactory(name, 16);
 };
-
-const char* const textReport = R"(Table T: 2 collectors, capacity 16, 0 inserts refused
-Tracker ft1, cleared never
-  Exporter exp1, cleared never
-    Collector 192.0.2.1:4739
-      messages 2, records 7, octets 500
-      last sent 50 s ago, template 100 s ago, data never, options data 50 s ago
-      set 2: records 0, templates 3
-      set 256: records 5, templates 0
-      set 257: records 2, templates 0
-  Exporter exp2, cleared 20 s ago
-Tracker ft2, cleared 5 s ago
-  Exporter exp9, cleared 5 s ago
-    Collector 192.0.2.7:2055
-      messages 1, records 1, octets 90
-      last sent 1 s ago, template never, data never, options data 1 s ago
-      set 256: records 1, templates 0
-)";
-
-const char* const jsonReport = R"({"table": "T", "capacity": 16, "insertsRefused": 0, "trackers": [
-  {"name": "ft1", "clearedSecondsAgo": null, "exporters": [
-    {"name": "exp1", "clearedSecondsAgo": null, "collectors": [
-      {"collector": "192.0.2.1:4739", "messages": 2, "records": 7, "octets": 500,
-       "lastSentSecondsAgo": 50, "lastTemplateSentSecondsAgo": 100,
-       "lastDataRecordSentSecondsAgo": null, "lastOptionsDataSentSecondsAgo": 50,
-       "sets": [{"setId": 2, "records": 0, "templates": 3}, {"setId": 256, "records": 5,
-                "templates": 0}, {"setId": 257, "records": 2, "templates": 0}]}]},
-    {"name": "exp2", "clearedSecondsAgo": 20, "collectors": []}]},
-  {"name": "ft2", "clearedSecondsAgo": 5, "exporters": [
-    {"name": "exp9", "clearedSecondsAgo": 5, "collectors": [
-      {"collector": "192.0.2.7:2055", "messages": 1, "records": 1, "octets": 90,
-       "lastSentSecondsAgo": 1, "lastTemplateSentSecondsAgo": null,
-       "lastDataRecordSentSecondsAgo": null, "lastOptionsDataSentSecondsAgo": 1,
-       "sets": [{"setId": 256, "records": 1, "templates": 0}]}]}]}]})";
 
 // As prometheus_client reads it: every family typed and documented, a kind
 // of message never sent without an age sample, a tracker's exporter without
@@ -151,80 +125,58 @@ ipfix_collector_last_sent_seconds{collector="192.0.2.7:2055",exporter="exp9",kin
 ipfix_collector_last_sent_seconds{collector="192.0.2.7:2055",exporter="exp9",kind="options_data",tracker="ft2"} 1
 )";
 
-// Each format compared whole, except that an age may exceed its nominal
-// value by the time the test took.
+// The OpenMetrics exposition compared whole as prometheus_client reads it
+// (an age may exceed its nominal value by the time the test took); of the
+// other formats, what it does not show: clear times, kinds of message never
+// sent, an exporter without collectors.
 TEST_F(IpfixStatsTest, PrintsTheTableInEachFormat) {
-   const auto asJson = [](const std::string& text) { return nlohmann::json::parse(text).dump(); };
-   const struct {
-      std::vector<std::string> args;
-      std::function<std::string(const std::string&)> read;
-      const char* age;
-      std::string expected;
-   } formats[] = {
-       {{}, [](const std::string& text) { return text; }, "([0-9.]+) s ago", textReport},
-       {{"--json"}, asJson, R"(SecondsAgo":([-0-9.e+]+))", asJson(jsonReport)},
-       {{"--format", "openmetrics"},
-        [](const std::string& text) {
-           const ChildProcess::Result read = ToolTest::readOpenMetrics(text);
-           return read.out + read.err;
-        },
-        R"(_seconds\{.*\} ([-0-9.e+]+))",
-        openMetricsReport},
-   };
-   for (const auto& f : formats) {
-      SCOPED_TRACE(f.age);
-      std::vector<std::string> args = f.args;
+   const auto run = [&](std::vector<std::string> args) {
       args.insert(args.end(), {"--table", name.str()});
       const ChildProcess::Result result = ToolTest::ipfixStats(args);
-      const Kel::Seconds late = Kel::SystemClock().monotonic() - writtenAt;
-      ASSERT_EQ(result.exitCode, 0) << result.err;
+      EXPECT_EQ(result.exitCode, 0) << result.err;
       EXPECT_EQ(result.err, "");
-      const auto [text, ages] =
-          withoutAges(f.read(std::regex_replace(result.out, std::regex(name.str()), "T")), f.age);
-      const auto [expected, nominal] = withoutAges(f.expected, f.age);
-      EXPECT_EQ(text, expected);
-      ASSERT_EQ(ages.size(), nominal.size());
-      for (std::size_t i = 0; i < nominal.size(); ++i) {
-         EXPECT_GE(ages[i], nominal[i] - 0.05) << i;
-         EXPECT_LE(ages[i], nominal[i] + late + 0.05) << i;
-      }
-   }
-}
-
-// Names are the writer's octets: whatever they hold, the reports stay UTF-8,
-// the characters OpenMetrics escapes coming back as they were and each octet
-// outside a valid sequence as U+FFFD.
-TEST(IpfixStatsNames, OfAnyOctetsReportedAsUtf8) {
-   const TestSupport::ScopedTableName name("toolutf8");
-   // A surrogate, a code point past U+10FFFF, an overlong '/', the valid é,
-   // € and U+1D11E, overlong three- and four-octet forms.
-   const auto stats = Vorpa::Ipfix::collectorStatisticsFactory(name, 4);
-   ToolTest::addCollector(*stats, "ft \"q\" \\b\nl\xc3",
-                          "\xed\xa0\x80x\xf4\x90\x80\x80\xc0\xaf\xc3\xa9\xe2\x82\xac\xf0\x9d\x84"
-                          "\x9e\xe0\x80\x80\xf0\x80\x80\x80");
-   const std::string bad = "\xef\xbf\xbd";
-   const auto badTimes = [&](int n) {
-      std::string times;
-      while (n-- > 0) {
-         times += bad;
-      }
-      return times;
+      return std::regex_replace(result.out, std::regex(name.str()), "T");
+   };
+   const ChildProcess::Result read = ToolTest::readOpenMetrics(run({"--format", "openmetrics"}));
+   const auto json = nlohmann::json::parse(run({"--json"}));
+   const std::string text = run({});
+   const double late = Kel::SystemClock().monotonic() - writtenAt + 0.05;
+   const auto expectAge = [&](double age, double nominal) {
+      EXPECT_GE(age, nominal - 0.05);
+      EXPECT_LE(age, nominal + late);
    };
 
-   const ChildProcess::Result om =
-       ToolTest::ipfixStats({"--format", "openmetrics", "--table", name});
-   const ChildProcess::Result read = ToolTest::readOpenMetrics(om.out);
-   ASSERT_EQ(read.exitCode, 0) << read.err << om.out;
-   EXPECT_NE(
-       read.out.find(R"(ipfix_collector_messages_total{collector="192.0.2.1:4739",exporter=")" +
-                     badTimes(3) + "x" + badTimes(6) + "\xc3\xa9\xe2\x82\xac\xf0\x9d\x84\x9e" +
-                     badTimes(7) + R"(",tracker="ft \"q\" \\b\nl)" + bad + "\"} 0\n"),
-       std::string::npos)
-       << read.out;
+   const char* const om = R"(_seconds\{.*\} ([-0-9.e+]+))";
+   std::string exposition = read.out + read.err;
+   for (std::size_t at; (at = exposition.find(exp9ReadBack)) != std::string::npos;) {
+      exposition.replace(at, exp9ReadBack.size(), R"("exp9")");
+   }
+   const auto [samples, ages] = withoutAges(exposition, om);
+   const auto [expected, nominal] = withoutAges(openMetricsReport, om);
+   EXPECT_EQ(samples, expected);
+   ASSERT_EQ(ages.size(), nominal.size());
+   for (std::size_t i = 0; i < nominal.size(); ++i) {
+      expectAge(ages[i], nominal[i]);
+   }
 
-   const ChildProcess::Result json = ToolTest::ipfixStats({"--json", "--table", name});
-   ASSERT_EQ(json.exitCode, 0) << json.err;
-   EXPECT_EQ(nlohmann::json::parse(json.out)["trackers"][0]["name"], "ft \"q\" \\b\nl" + bad);
+   const auto& ft1 = json["trackers"][0];
+   EXPECT_EQ(ft1["clearedSecondsAgo"], nullptr);
+   EXPECT_EQ(ft1["exporters"][0]["collectors"][0]["lastDataRecordSentSecondsAgo"], nullptr);
+   EXPECT_EQ(ft1["exporters"][1]["name"], "exp2");
+   EXPECT_EQ(ft1["exporters"][1]["collectors"], nlohmann::json::array());
+   expectAge(ft1["exporters"][1]["clearedSecondsAgo"], 20);
+   expectAge(json["trackers"][1]["clearedSecondsAgo"], 5);
+   expectAge(json["trackers"][1]["exporters"][0]["clearedSecondsAgo"], 5);
+
+   const auto [plain, textAges] = withoutAges(text, "([0-9.]+) s ago");
+   EXPECT_TRUE(plain.starts_with("Table T: 2 collectors, capacity 16, 0 inserts refused\n"))
+       << text;
+   EXPECT_NE(plain.find("  Exporter exp2, cleared N s ago\nTracker ft2, cleared N s ago\n"),
+             std::string::npos)
+       << text;
+   EXPECT_NE(plain.find("last sent N s ago, template N s ago, data never, options data N s ago"),
+             std::string::npos)
+       << text;
 }
 
 // --watch sleeps on the table until the agent changes it, then prints again.
@@ -241,40 +193,9 @@ TEST_F(IpfixStatsTest, WatchPrintsAgainAfterEveryChange) {
    sendToFt2();
    EXPECT_EQ(messagesOfFt2(), 2);
    ASSERT_TRUE(TestSupport::waitUntilAsleepInFutex(watch.pid())) << "the watch does not sleep";
-   stats->statsDel(Vorpa::Ipfix::CollectorStatisticsKey("ft2", "exp9", ft2Collector));
+   stats->statsDel(Vorpa::Ipfix::CollectorStatisticsKey("ft2", exp9, ft2Collector));
    EXPECT_EQ(messagesOfFt2(), nullptr);
    ToolTest::stop(watch);
-}
-
-// A restarted agent replaces the table's segment: a watch goes on with the
-// new one and a one-shot run reads the new one, whether the old writer exited
-// or was killed.
-TEST(IpfixStatsRestart, WatchFollowsARestartedWriter) {
-   for (const bool killed : {false, true}) {
-      SCOPED_TRACE(killed ? "writer killed" : "writer exited");
-      const TestSupport::ScopedTableName name("restart");
-      auto writer = std::make_unique<ToolTest::StatsWriterProcess>(name, "ft-first");
-      ChildProcess watch({IPFIX_STATS_PATH, "--watch", "--json", "--table", name.str()});
-      // The tracker of the next report that has one: a watch may also report
-      // the new table before its writer filled it.
-      const auto nextTracker = [&]() -> std::string {
-         for (int report = 0; report < 4; ++report) {
-            const auto trackers = nlohmann::json::parse(watch.readLine().value())["trackers"];
-            if (!trackers.empty()) {
-               return trackers[0]["name"];
-            }
-         }
-         return "(none)";
-      };
-      EXPECT_EQ(nextTracker(), "ft-first");
-      writer->stop(killed);
-      writer = std::make_unique<ToolTest::StatsWriterProcess>(name, "ft-second");
-      EXPECT_EQ(nextTracker(), "ft-second");
-      const ChildProcess::Result once = ToolTest::ipfixStats({"--json", "--table", name});
-      ASSERT_EQ(once.exitCode, 0) << once.err;
-      EXPECT_EQ(nlohmann::json::parse(once.out)["trackers"][0]["name"], "ft-second");
-      ToolTest::stop(watch);
-   }
 }
 
 // Every failure that needs no agent running: one line, and the exit status
@@ -283,17 +204,11 @@ TEST(IpfixStatsErrors, OneLineAndTheExitStatusOfTheirKind) {
    const TestSupport::ScopedTableName missing("errmissing");
    const TestSupport::ScopedTableName layout("errlayout");
    const TestSupport::ScopedTableName header("errheader");
-   const TestSupport::ScopedTableName entry("errentry");
    const TestSupport::ScopedTableName stale("errstale");
    const auto otherLayout = Vorpa::Table<Kel::U64, Kel::U64>::create(layout, 4);
-   std::vector<Kel::Ptr<Vorpa::Ipfix::CollectorStatistics>> writers;
-   for (const std::string& damaged : {header.str(), entry.str()}) {
-      writers.push_back(Vorpa::Ipfix::collectorStatisticsFactory(damaged, 4));
-      ToolTest::addCollector(*writers.back(), "ft-damaged");
-   }
+   const auto writer = Vorpa::Ipfix::collectorStatisticsFactory(header, 4);
+   ToolTest::addCollector(*writer, "ft-damaged");
    TestSupport::SegmentBytes(header).bytes()[40] ^= 1;
-   TestSupport::SegmentBytes bytes(entry);
-   bytes.bytes()[bytes.find("ft-damaged", 10)] ^= 1;
    const TestSupport::ScopedRuntimeDirectory runtime;
    TestSupport::DatagramSocket(false).bindTo(runtime.socketOf(stale));
 
@@ -306,10 +221,8 @@ TEST(IpfixStatsErrors, OneLineAndTheExitStatusOfTheirKind) {
        {{"--table", "a/b"}, 2, "invalid table name 'a/b'"},
        {{"--table", layout}, 4, "holds other key or value types"},
        {{"--table", header}, 5, "has a corrupt header"},
-       {{"--table", entry}, 5, "has 1 corrupt entries"},
        {{"--json", "--format", "json"}, 2, "--json and --format do not go together"},
        {{"serve", "--listen", "localhost:9739"}, 2, "--listen: 'localhost:9739' is not ADDR:PORT"},
-       {{"--table", "a/b", "serve", "--listen", "127.0.0.1:0"}, 2, "invalid table name 'a/b'"},
        {{"--format", "openmetrics", "serve", "--listen", "127.0.0.1:0"},
         2,
         "--json, --format and --watch do not go with serve"},
@@ -318,21 +231,13 @@ TEST(IpfixStatsErrors, OneLineAndTheExitStatusOfTheirKind) {
        {{"clear", "--tracker", std::string(64, 't')}, 2, "longer than 63 octets"},
        {{"clear", "--control-socket", ""}, 2, "does not name a file"},
        {{"clear", "--tracker", "ft1", "--json"}, 2, "do not go with clear"},
-       {{"clear", "--table", "../etc"}, 2, "invalid table name '../etc'"},
        {{"clear", "--table", missing, "--tracker", "ft1"}, 6, "no agent running for table"},
-       {{"clear", "--table", missing, "--control-socket", runtime.path() + "/missing/x.sock"},
-        6,
-        "no agent running for table"},
        {{"clear", "--table", stale}, 6, "no agent running for table"},
    };
    for (const auto& c : cases) {
       SCOPED_TRACE(c.args.front() + " " + c.args.back());
       ToolTest::expectFailure(ToolTest::ipfixStats(c.args), c.exitCode, c.message);
    }
-   // A value the option parser refuses is a usage error, with its usage hint.
-   const ChildProcess::Result usage = ToolTest::ipfixStats({"--format", "xml"});
-   EXPECT_EQ(usage.exitCode, 2);
-   EXPECT_NE(usage.err.find("xml not in {text,json,openmetrics}"), std::string::npos) << usage.err;
    struct stat st {};
    EXPECT_EQ(::lstat(runtime.socketOf(stale).c_str(), &st), 0) << "only an agent replaces a socket";
 }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -63,59 +64,44 @@ inline ChildProcess::Result readOpenMetrics(const std::string& text) {
 }
 
 // An agent's stand-in in a process of its own: it creates the statistics
-// table `name` with a collector of tracker `tracker`, then runs until stopped.
+// table `name` with a collector of tracker `tracker`, then runs until it is
+// killed, as by a crash (or as this process ends: it dies with its parent).
 class StatsWriterProcess {
  public:
    StatsWriterProcess(const std::string& name, const std::string& tracker) {
       int ready[2];
-      int release[2];
-      if (pipe2(ready, O_CLOEXEC) != 0 || pipe2(release, O_CLOEXEC) != 0) {
+      if (pipe2(ready, O_CLOEXEC) != 0) {
          throw std::runtime_error("pipe");
       }
       if ((pid_ = fork()) == 0) {
-         // Without the parent's ends, the writer sees the release pipe end
-         // when the parent closes its own.
-         close(ready[0]);
-         close(release[1]);
-         int code = 0;
+         prctl(PR_SET_PDEATHSIG, SIGKILL);
          try {
             const auto stats = Vorpa::Ipfix::collectorStatisticsFactory(name, 16);
             addCollector(*stats, tracker);
-            char byte = 'r';
-            static_cast<void>(write(ready[1], &byte, 1));
-            static_cast<void>(read(release[0], &byte, 1));
+            static_cast<void>(write(ready[1], "r", 1));
+            for (;;) {
+               pause();
+            }
          } catch (...) {
-            code = 1;
+            _exit(1);  // the parent reads the end of the pipe
          }
-         _exit(code);
       }
       close(ready[1]);
-      close(release[0]);
-      release_ = release[1];
       char byte = 0;
       pollfd started{ready[0], POLLIN, 0};
       EXPECT_TRUE(poll(&started, 1, 60'000) == 1 && read(ready[0], &byte, 1) == 1)
           << "the writer did not start";
       close(ready[0]);
    }
-   ~StatsWriterProcess() { stop(true); }
+   ~StatsWriterProcess() {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+   }
    StatsWriterProcess(const StatsWriterProcess&) = delete;
    StatsWriterProcess& operator=(const StatsWriterProcess&) = delete;
 
-   // Ends the writer: it exits on its own, or is killed as by a crash.
-   void stop(bool killed) {
-      if (pid_ > 0) {
-         if (killed) {
-            kill(pid_, SIGKILL);
-         }
-         close(release_);
-         waitpid(std::exchange(pid_, -1), nullptr, 0);
-      }
-   }
-
  private:
    pid_t pid_ = -1;
-   int release_ = -1;
 };
 
 }  // namespace ToolTest
