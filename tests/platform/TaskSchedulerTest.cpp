@@ -94,20 +94,6 @@ INSTANTIATE_TEST_SUITE_P(
                       DelayCase{"stopCancels", {1.0, NAN}, {}}),
     [](const auto& row) { return row.param.name; });
 
-TEST_F(TaskSchedulerTest, DestroyedTasksNeverRun) {
-   auto keep = task("keep"), gone = task("gone"), goneTimer = task("goneTimer");
-   std::unique_ptr<Task> self;
-   self = task("self", 2, [&] { self.reset(); });
-   gone->scheduleTask();
-   goneTimer->scheduleTaskLowestDelay(1.0);
-   keep->scheduleTaskLowestDelay(2.0);
-   self->scheduleTask();
-   gone.reset();
-   goneTimer.reset();
-   sched_->runFor(5.0);
-   EXPECT_EQ(ran_, (std::vector<Kel::String>{"self@0", "keep@2"}));
-}
-
 // A long task yields as soon as a higher-priority one is ready (yielding once
 // the slice is used up is checked by the options data exporter's flush in
 // tests/Ipfix/OptionsDataExporterSmTest).

@@ -84,12 +84,7 @@ TEST(VorpaCorruption, ReaderReportsDamagedSlotAndHeaderAndKeepsRunning) {
    EXPECT_EQ(v, Value::of(3));
    EXPECT_EQ(VorpaTest::mountProblem(name), Vorpa::MountProblem::corrupt);
 
-   try {
-      table.entry(Key{2, 2});
-      ADD_FAILURE() << "the writer read a damaged slot";
-   } catch (const Kel::AssertionError& e) {
-      EXPECT_STREQ(e.what(), "VorpaMap::safeRead() bad checksum");
-   }
+   EXPECT_THROW(table.entry(Key{2, 2}), Kel::AssertionError) << "the writer read a damaged slot";
    EXPECT_EQ(reader.corruptionCount(), 1u) << "the writer records what it met";
 }
 
