@@ -67,13 +67,9 @@ TEST(VorpaCorruption, ReaderReportsDamagedSlotAndHeaderAndKeepsRunning) {
    EXPECT_EQ(reader.entry(Key{2, 2}, v), Vorpa::ReadStatus::corrupt);
    EXPECT_EQ(reader.entry(Key{1, 1}, v), Vorpa::ReadStatus::ok);
    EXPECT_EQ(v, Value::of(1));
-   Kel::U32 listed = 0;
-   const Vorpa::ScanResult scan = reader.forEach([&](const Key& k, const Value& value) {
-      ++listed;
-      EXPECT_EQ(value, Value::of(k.id));
-   });
+   const Vorpa::ScanResult scan =
+       reader.forEach([&](const Key& k, const Value& value) { EXPECT_EQ(value, Value::of(k.id)); });
    EXPECT_EQ(scan.entries, 2u);
-   EXPECT_EQ(listed, 2u);
    EXPECT_EQ(scan.corrupt, 1u);
    EXPECT_EQ(reader.validate().corrupt, 1u);
    EXPECT_TRUE(reader.headerIntact());

@@ -83,18 +83,14 @@ TEST(VorpaTable, AgreesWithAMapThroughCollisionsRemovalsAndReuse) {
          }
       }
       for (Kel::U32 k = 0; k < keyCount; ++k) {
-         const auto expected = model.find(k);
-         const auto written = table.entry(keyOf(k));
+         SCOPED_TRACE(k);
+         const auto found = model.find(k);
+         const auto expected = found == model.end() ? std::nullopt : std::optional(found->second);
+         ASSERT_EQ(table.entry(keyOf(k)), expected);
          Value read;
-         const Vorpa::ReadStatus status = reader.entry(keyOf(k), read);
-         if (expected == model.end()) {
-            ASSERT_FALSE(written) << "key " << k;
-            ASSERT_EQ(status, Vorpa::ReadStatus::notFound) << "key " << k;
-         } else {
-            ASSERT_EQ(written, expected->second) << "key " << k;
-            ASSERT_EQ(status, Vorpa::ReadStatus::ok) << "key " << k;
-            ASSERT_EQ(read, expected->second);
-         }
+         ASSERT_EQ(reader.entry(keyOf(k), read),
+                   expected ? Vorpa::ReadStatus::ok : Vorpa::ReadStatus::notFound);
+         ASSERT_TRUE(!expected || read == *expected);
       }
       if (step % 100 == 0) {
          std::map<Kel::U32, Value> written, listed;
