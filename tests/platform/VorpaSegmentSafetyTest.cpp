@@ -82,21 +82,8 @@ TEST(VorpaSegmentSafety, NamesAreCheckedAndSegmentsAreMode0644) {
    }
 }
 
-// A writer refuses another user's segment, which stays as it was (its own
-// user's earlier segment it replaces: see below).
-TEST(VorpaSegmentSafety, AnotherUsersSegmentIsNotTakenOver) {
-   const TestSupport::ScopedTableName name("owner");
-   const Table earlier = Table::create(name, 4);
-   const uid_t otherUser = geteuid() == 65534 ? 65533 : 65534;
-   if (chown(("/dev/shm/" + name.str()).c_str(), otherUser, static_cast<gid_t>(-1)) != 0) {
-      GTEST_SKIP() << "giving a segment to another user needs privileges";
-   }
-   const Reader othersReader = Reader::mount(name);
-   EXPECT_EQ(problemOf([&] { Table::create(name, 4); }), Vorpa::MountProblem::system);
-   EXPECT_TRUE(othersReader.live()) << "the other user's segment was replaced";
-}
-
-// live() tells a reader whether its segment is still the one of its name.
+// live() tells a reader whether its segment is still the one of its name: a
+// writer replaces its own user's earlier segment, never another user's.
 TEST(VorpaSegmentSafety, LiveTellsWhetherTheNameStillRefersToTheSegment) {
    const TestSupport::ScopedTableName name("live");
    const Table table = Table::create(name, 4);
@@ -114,6 +101,16 @@ TEST(VorpaSegmentSafety, LiveTellsWhetherTheNameStillRefersToTheSegment) {
    EXPECT_FALSE(remounted.live()) << "segment removed";
    const Table anonymous = Table::createAnonymous("live", 4);
    EXPECT_TRUE(Reader::attach(anonymous).live()) << "anonymous";
+
+   // A writer refuses another user's segment, which stays as it was.
+   const Table earlier = Table::create(name, 4);
+   const uid_t otherUser = geteuid() == 65534 ? 65533 : 65534;
+   if (chown(("/dev/shm/" + name.str()).c_str(), otherUser, static_cast<gid_t>(-1)) != 0) {
+      GTEST_SKIP() << "giving a segment to another user needs privileges";
+   }
+   const Reader othersReader = Reader::mount(name);
+   EXPECT_EQ(problemOf([&] { Table::create(name, 4); }), Vorpa::MountProblem::system);
+   EXPECT_TRUE(othersReader.live()) << "the other user's segment was replaced";
 }
 
 }  // namespace
