@@ -14,11 +14,12 @@ using VorpaTest::Reader;
 using VorpaTest::Table;
 using VorpaTest::Value;
 
-// Random inserts, replacements and removals of keys that
-// share three home slots, on a small table, checked after every step against
-// a std::map through the writer's lookups, a reader's lookups and both
-// iterations, and the change the reader follows against the step's. Collisions,
-// removal markers, their reuse and a full table all happen many times.
+// Random inserts, replacements and removals of keys that share three home
+// slots, on a small table, checked after every step against a std::map through
+// the writer's and a reader's lookups, and the change the reader follows
+// against the step's. Collisions, removal markers, their reuse and a full
+// table all happen many times. (Listing the entries after such churn: the
+// churn soak for the writer, IpfixStatsTest's watch for a reader.)
 TEST(VorpaTable, AgreesWithAMapThroughCollisionsRemovalsAndReuse) {
    constexpr Kel::U32 capacity = 8;
    constexpr Kel::U32 keyCount = 20;
@@ -81,16 +82,6 @@ TEST(VorpaTable, AgreesWithAMapThroughCollisionsRemovalsAndReuse) {
          ASSERT_EQ(reader.entry(keyOf(k), read),
                    expected ? Vorpa::ReadStatus::ok : Vorpa::ReadStatus::notFound);
          ASSERT_TRUE(!expected || read == *expected);
-      }
-      if (step % 100 == 0) {
-         std::map<Kel::U32, Value> written, listed;
-         table.forEach([&](const Key& k, const Value& v) { written.emplace(k.id, v); });
-         const auto scan =
-             reader.forEach([&](const Key& k, const Value& v) { listed.emplace(k.id, v); });
-         ASSERT_EQ(written, model);
-         ASSERT_EQ(listed, model);
-         ASSERT_EQ(scan.entries, model.size()) << "a key listed twice";
-         ASSERT_EQ(scan.corrupt + scan.busy + reader.validate().corrupt, 0u);
       }
    }
    EXPECT_GT(refused, 0u) << "the sequence never filled the table";
