@@ -6,27 +6,26 @@ namespace {
 
 Kel::TraceHandle traceTest("TraceTest");
 
-TEST(Trace, CaptureKeepsToItsFacilityAndLevel) {
+// A capture takes its facility's lines at or below its level, then gives the
+// facility its level back.
+TEST(Trace, CaptureKeepsToItsFacilityAndLevelAndRestoresTheLevelWhenDone) {
    // A handle made after its facility was configured picks the level up.
-   Kel::Trace::configure("TraceOther/2");
+   Kel::Trace::configure("TraceOther/2,TraceTest/2");
    const Kel::TraceHandle other("TraceOther");
    EXPECT_TRUE(other.enabled(2));
    EXPECT_FALSE(other.enabled(3));
-   Kel::TraceCapture capture("TraceTest", 3);
-   KEL_TRACE(other, 1, "a line of another facility, which the capture leaves out");
-   KEL_TRACE(traceTest, 4, "a line above the capture's level");
-   KEL_TRACE(traceTest, 3, "Created ExporterInfoSm for {}", "e1");
-   KEL_TRACE(traceTest, 1, "Caught ErrnoException: {}", "x");
-   EXPECT_EQ(capture.lines(), (std::vector<Kel::String>{"Created ExporterInfoSm for e1",
-                                                        "Caught ErrnoException: x"}));
-   EXPECT_EQ(capture.lines(1), (std::vector<Kel::String>{"Caught ErrnoException: x"}));
-   Kel::Trace::configure("TraceOther/0");
-}
-
-TEST(Trace, CaptureRestoresLevelWhenDone) {
-   Kel::Trace::configure("TraceTest/2");
-   { Kel::TraceCapture capture("TraceTest", 9); }
+   {
+      Kel::TraceCapture capture("TraceTest", 3);
+      KEL_TRACE(other, 1, "a line of another facility, which the capture leaves out");
+      KEL_TRACE(traceTest, 4, "a line above the capture's level");
+      KEL_TRACE(traceTest, 3, "Created ExporterInfoSm for {}", "e1");
+      KEL_TRACE(traceTest, 1, "Caught ErrnoException: {}", "x");
+      EXPECT_EQ(capture.lines(), (std::vector<Kel::String>{"Created ExporterInfoSm for e1",
+                                                           "Caught ErrnoException: x"}));
+      EXPECT_EQ(capture.lines(1), (std::vector<Kel::String>{"Caught ErrnoException: x"}));
+   }
    EXPECT_EQ(traceTest.level(), 2);
+   Kel::Trace::configure("TraceOther/0,TraceTest/0");
 }
 
 TEST(Trace, ConfigureAppliesValidSettingsAndRejectsBadOnesWithoutChange) {
