@@ -51,13 +51,13 @@ class Recorder : public Widget::Notifiee {
    Kel::String tag_;
 };
 
+using Recorders = std::vector<std::unique_ptr<Recorder>>;
+
 // Re-entrancy: each row disrupts the list once, from inside a reactor's
 // callback, and states who must be called in that round and the next.
 struct DisruptCase {
    const char* name;
-   std::function<void(std::vector<std::unique_ptr<Recorder>>&, const Kel::Ptr<Widget>&,
-                      Kel::String*)>
-       disruption;
+   std::function<void(Recorders&, const Kel::Ptr<Widget>&, Kel::String*)> disruption;
    Kel::String firstRound;
    Kel::String secondRound;
    // The reactor whose callback disrupts.
@@ -83,7 +83,7 @@ TEST(Entity, NotificationSurvivesDisruptionFromInside) {
       SCOPED_TRACE(c.name);
       auto w = activeWidget();
       Kel::String log;
-      std::vector<std::unique_ptr<Recorder>> rs;
+      Recorders rs;
       for (const char* tag : {"a", "b", "c"}) {
          rs.push_back(std::make_unique<Recorder>(w, &log, tag));
       }

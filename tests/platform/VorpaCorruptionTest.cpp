@@ -22,10 +22,9 @@ constexpr std::size_t versionOffset = 8;
 constexpr std::size_t geometryOffset = 40;
 
 TEST(VorpaMount, RefusesWhatItCannotReadWithTheRightProblem) {
-   using Damage = std::function<void(SegmentBytes&)>;
    const struct {
       const char* what;
-      Damage damage;
+      std::function<void(SegmentBytes&)> damage;
       Vorpa::MountProblem problem;
    } cases[] = {
        {"bad magic", [](SegmentBytes& s) { s.bytes()[magicOffset + 3] ^= 0x40; },
@@ -65,8 +64,6 @@ TEST(VorpaCorruption, ReaderReportsDamagedSlotAndHeaderAndKeepsRunning) {
    bytes.bytes()[bytes.find(&damaged, sizeof damaged) + 100] ^= 0x04;
    Value v;
    EXPECT_EQ(reader.entry(Key{2, 2}, v), Vorpa::ReadStatus::corrupt);
-   EXPECT_EQ(reader.entry(Key{1, 1}, v), Vorpa::ReadStatus::ok);
-   EXPECT_EQ(v, Value::of(1));
    const Vorpa::ScanResult scan =
        reader.forEach([&](const Key& k, const Value& value) { EXPECT_EQ(value, Value::of(k.id)); });
    EXPECT_EQ(scan.entries, 2u);
