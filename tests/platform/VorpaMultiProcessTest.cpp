@@ -93,7 +93,6 @@ struct ReaderReport {
    Kel::U64 readsBeforeDone;
    Kel::U64 torn;
    Kel::U64 regressions;
-   Kel::U64 overruns;
    Kel::U64 missedFinal;
    Kel::U64 wrongFinal;
 };
@@ -130,7 +129,6 @@ ReaderReport followWrites(const Kel::Name& name, int fd) {
    while (!done) {
       changes.clear();
       if (reader.changesSince(cursor, changes) != Vorpa::FollowStatus::ok) {
-         ++report.overruns;
          // `doneKey` first: when it is there, the keys read next are final.
          Value v;
          done = reader.entry(doneKey, v) == Vorpa::ReadStatus::ok;
