@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <set>
 #include <sstream>
 
@@ -19,8 +18,21 @@ const std::string manDir = MAN_DIR;
 
 // Roff text as it reads: hyphens, no font changes, no zero-width escapes.
 std::string plain(const std::string& roff) {
-   return std::regex_replace(std::regex_replace(roff, std::regex(R"(\\f.|\\[%&])"), ""),
-                             std::regex(R"(\\-)"), "-");
+   std::string out;
+   for (std::size_t i = 0; i < roff.size(); ++i) {
+      const char next = i + 1 < roff.size() && roff[i] == '\\' ? roff[i + 1] : '\0';
+      if (next == 'f') {
+         i += 2;  // \fB, \fR, ...
+      } else if (next == '%' || next == '&') {
+         ++i;
+      } else if (next == '-') {
+         out += '-';
+         ++i;
+      } else {
+         out += roff[i];
+      }
+   }
+   return out;
 }
 
 // Options named by the tags of each section's (.SH) or subsection's (.SS)

@@ -3,10 +3,10 @@
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include "support/ChildProcess.h"
+#include "support/ReplaceAll.h"
 #include "support/ScopedRuntimeDirectory.h"
 
 // The service units, as systemd reads them: `systemd-analyze verify` accepts
@@ -42,10 +42,9 @@ class UnitTree {
    fs::path systemdUnit(const std::string& name) const {
       const std::string text =
           (std::stringstream() << std::ifstream(fs::path(SYSTEMD_DIR) / name).rdbuf()).str();
-      return unit(
-          name, std::regex_replace(
-                    std::regex_replace(text, std::regex("/usr/sbin/ipfix-agent"), IPFIX_AGENT_PATH),
-                    std::regex("/usr/bin/ipfix-stats"), IPFIX_STATS_PATH));
+      using TestSupport::replaceAll;
+      return unit(name, replaceAll(replaceAll(text, "/usr/sbin/ipfix-agent", IPFIX_AGENT_PATH),
+                                   "/usr/bin/ipfix-stats", IPFIX_STATS_PATH));
    }
    std::string manPath() const { return (root_ / "man").string(); }
 
