@@ -30,7 +30,7 @@ std::pair<std::string, std::vector<double>> withoutAges(const std::string& text)
    std::pair<std::string, std::vector<double>> out;
    const auto take = [&](std::string& line, std::size_t at, std::size_t end) {
       out.second.push_back(std::stod(line.substr(at, end - at)));
-      line.replace(at, end - at, "N");
+      line = line.substr(0, at) + "N" + line.substr(end);
    };
    std::istringstream lines(text);
    for (std::string line; std::getline(lines, line);) {
