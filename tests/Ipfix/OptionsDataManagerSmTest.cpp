@@ -43,40 +43,6 @@ class OptionsDataManagerTest : public ExportFixture {
    Kel::Ptr<FlowTracking::OptionsDataManagerSm> manager_;
 };
 
-// Status records are written by hand here, so that each of the three records
-// a tracker needs can come and go on its own.
-TEST_F(OptionsDataManagerTest, TrackerExistsWhileConfigurationStatusAndRecordAllDo) {
-   startManager();
-   struct Step {
-      const char* name;
-      std::function<void()> change;
-      bool exists;
-   };
-   const Step steps[] = {
-       {"configuration", [&] { addTracker("t1", 5); }, false},
-       {"status record", [&] { ftInfo_->ftInfoIs("t1"); }, false},
-       {"hardware status", [&] { addStatus("t1"); }, true},
-       {"status record removed", [&] { ftInfo_->ftInfoDel("t1"); }, false},
-       {"status record again", [&] { ftInfo_->ftInfoIs("t1"); }, true},
-       {"hardware status removed", [&] { hwStatus_->hwFtStatusDel("t1"); }, false},
-       {"hardware status again", [&] { addStatus("t1"); }, true},
-       {"configuration removed", [&] { hwConfig_->hwFtConfigDel("t1"); }, false},
-   };
-   Kel::Ptr<FlowTracking::FtOptionsDataManagerSm> previous;
-   for (const Step& s : steps) {
-      SCOPED_TRACE(s.name);
-      s.change();
-      const auto ft = manager_->ftManagerSm("t1");
-      EXPECT_EQ(ft != nullptr, s.exists);
-      EXPECT_EQ(manager_->dataContainer("t1") != nullptr, s.exists);
-      EXPECT_EQ(manager_->dataAll()->trackerData("t1") != nullptr, s.exists);
-      if (ft) {
-         EXPECT_NE(ft, previous) << "a tracker that comes back is built afresh";
-         previous = ft;
-      }
-   }
-}
-
 // The agent's whole start sequence, decoded by a libfixbuf collector behind a
 // real socket; then model changes in virtual time, each of which must reach
 // the collector as the right update after the right delay. (Several trackers
