@@ -98,19 +98,6 @@ INSTANTIATE_TEST_SUITE_P(Threading, ExporterThreadingTest, ::testing::Bool(), []
    return p.param ? "MultiThreaded" : "SingleThreaded";
 });
 
-TEST_F(ExporterTest, ExporterDeletedBeforeItsTaskRanOpensNothing) {
-   int opens = 0;
-   Nivel::UdpPam::faultsIs({.open = [&](const Nivel::UdpPam&) { return ++opens, 0; }, .tx = {}});
-   start();
-   const auto record = info();
-   hwConfig_->hwFtConfig("t1")->expConfigDel("e1");
-   sched_->runFor(1.0);
-   EXPECT_EQ(opens, 0);
-   EXPECT_EQ(record->udpPam4(), nullptr);
-   EXPECT_TRUE(record->collInfo().empty());
-   EXPECT_EQ(sched_->tasksRun(), 0u);
-}
-
 TEST_F(ExporterTest, SocketOpenFailureLeavesOnlyThatExporterInactive) {
    addExporter("t1", "e2");
    Nivel::UdpPam::faultsIs(

@@ -43,10 +43,6 @@ std::vector<Record> records(const std::vector<LoopbackCollector::Message>& messa
    return all;
 }
 
-Record intf(std::uint64_t index, const std::string& name) {
-   return Record{index, name};
-}
-
 class OptionsDataExportTest : public ExportFixture {
  protected:
    void SetUp() override {
@@ -89,7 +85,7 @@ class OptionsDataExportTest : public ExportFixture {
    std::vector<Record> expectedTable(Kel::U32 count) {
       std::vector<Record> all;
       for (Kel::U32 i = 1; i <= count; ++i) {
-         all.push_back(intf(i, "Ethernet" + std::to_string(i)));
+         all.push_back(Record{std::uint64_t(i), "Ethernet" + std::to_string(i)});
       }
       return all;
    }
@@ -159,7 +155,7 @@ TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessageN
    sched_->runFor(0.1);
    auto d = optionsData(c4_);
    ASSERT_EQ(d.size(), 1u);
-   EXPECT_EQ(records(d), (std::vector<Record>{intf(10, "Ethernet10"), intf(11, "Ethernet11")}));
+   EXPECT_EQ(records(d), (std::vector<Record>{{10u, "Ethernet10"}, {11u, "Ethernet11"}}));
    EXPECT_EQ(d[0].sequenceNumber(), 2u);
    EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
 
@@ -202,7 +198,7 @@ TEST_P(LongestRecordTest, RecordLongerThanAnEmptyMessageIsABug) {
    });
    if (nameLength == 100) {
       EXPECT_EQ(failure, "(nothing thrown)");
-      EXPECT_EQ(records(optionsData(c4_)), (std::vector<Record>{intf(1, std::string(100, 'n'))}));
+      EXPECT_EQ(records(optionsData(c4_)), (std::vector<Record>{{1u, std::string(100, 'n')}}));
    } else {
       EXPECT_EQ(failure, "consumed > 0");
    }
@@ -218,7 +214,7 @@ TEST_F(OptionsDataExportTest, UpdateFlushYieldsAndResumes) {
    std::vector<Record> sent;
    for (Kel::U32 i = 10; i < 14; ++i) {
       update_->addUpdate(intfSetId, intfRecord(i, "Ethernet" + std::to_string(i)));
-      sent.push_back(intf(i, "Ethernet" + std::to_string(i)));
+      sent.push_back(Record{std::uint64_t(i), "Ethernet" + std::to_string(i)});
    }
    sched_->runFor(1.0);
    const auto d = optionsData(c4_);
@@ -226,22 +222,6 @@ TEST_F(OptionsDataExportTest, UpdateFlushYieldsAndResumes) {
    EXPECT_EQ(records(d), sent);
    EXPECT_EQ(d[3].sequenceNumber(), 4u);
    EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
-}
-
-TEST_F(OptionsDataExportTest, PeriodicTransmissionDiscardsQueuedUpdates) {
-   hwConfig_->hwFtConfig("t1")->activeIntervalIs(10000);
-   startedWith(2);
-   sched_->runFor(9.5);
-   update_->addUpdate(intfSetId, intfRecord(9, "Ethernet9"));
-   source_->dataRecordIs(intfRecord(9, "Ethernet9"));
-   source_->versionInc(1);
-   sched_->runFor(0.5);  // the period comes first and carries the new table
-   EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
-   EXPECT_FALSE(exporter_->updateTask().taskScheduled());
-   EXPECT_EQ(sorted(records(optionsData(c4_))).size(), 3u);
-   sched_->runFor(1.0);
-   EXPECT_TRUE(optionsData(c4_).empty()) << "the discarded update is not sent";
-   EXPECT_EQ(exporter_->msgCacheBuildCount(), 2u);
 }
 
 TEST_F(OptionsDataExportTest, FailingCollectorDoesNotStopTheOthers) {
