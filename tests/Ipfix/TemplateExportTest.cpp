@@ -1,8 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "ExportFixture.h"
 #include "FlowTracking/Constants.h"
-#include "support/LoopbackCollector.h"
 
 namespace {
 
@@ -11,27 +12,18 @@ using TestSupport::LoopbackCollector;
 
 constexpr std::uint32_t pen = Ipfix::enterpriseNumber;
 
-// A template as libfixbuf learnt it.
-struct Template {
-   struct Field {
-      std::uint32_t enterprise;
-      std::uint16_t element;
-      std::uint16_t length;
-      bool operator==(const Field&) const = default;
-   };
-   std::uint16_t id;
-   std::uint16_t scopeCount;
-   std::vector<Field> fields;
-   bool operator==(const Template&) const = default;
+// A template as libfixbuf learnt it: id, scope count, and each field's
+// enterprise, element and length.
+using Field = std::tuple<std::uint32_t, std::uint16_t, std::uint16_t>;
+using Template = std::tuple<std::uint16_t, std::uint16_t, std::vector<Field>>;
 
-   static Template of(const IpfixCollect::DecodedTemplate& t) {
-      Template result{t.id, t.scopeCount, {}};
-      for (const auto& f : t.fields) {
-         result.fields.push_back({f.enterprise, f.element, f.length});
-      }
-      return result;
+Template learnt(const IpfixCollect::DecodedTemplate& t) {
+   Template result{t.id, t.scopeCount, {}};
+   for (const auto& f : t.fields) {
+      std::get<2>(result).emplace_back(f.enterprise, f.element, f.length);
    }
-};
+   return result;
+}
 
 // The templates one collector learnt from what it received, by set kind.
 struct Learnt {
@@ -46,7 +38,7 @@ Learnt learn(LoopbackCollector& collector, std::uint32_t domain) {
       EXPECT_EQ(m.decoded.observationDomain, domain);
       EXPECT_TRUE(m.decoded.records.empty()) << "template messages only";
       for (const auto& t : m.decoded.templates) {
-         (t.scopeCount ? l.options : l.data).push_back(Template::of(t));
+         (t.scopeCount ? l.options : l.data).push_back(learnt(t));
       }
       l.messages.push_back(std::move(m));
    }
