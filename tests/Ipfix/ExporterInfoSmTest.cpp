@@ -12,11 +12,6 @@ namespace {
 
 class ExporterTest : public ExportFixture {
  public:
-   Kel::Ptr<FlowTracking::ExporterInfoSm> exporterSm(const Kel::Name& tracker,
-                                                     const Kel::Name& exporter) const {
-      const auto t = sm_->ftInfoSm(tracker);
-      return t ? t->expInfoSm(exporter) : nullptr;
-   }
    void SetUp() override {
       addTracker("t1");
       exp_ = addExporter("t1", "e1");
@@ -54,8 +49,9 @@ TEST_P(ExporterThreadingTest, ReadinessAndLogsFollowTransitionsOnly) {
        {"port without resolution", rxPort4(4000), 0, 0, false, false, 4000},
        {"still unresolved: never active, no message", resolved(false), 0, 0, false, false, 4000},
        {"resolved", resolved(true), 1, 0, true, false, 4000},
-       {"same state again", [this] { exporterSm("t1", "e1")->handleExporterResolved(); }, 1, 0,
-        true, false, 4000},
+       {"same state again",
+        [this] { sm_->ftInfoSm("t1")->expInfoSm("e1")->handleExporterResolved(); }, 1, 0, true,
+        false, 4000},
        {"v6 port too", [this] { info()->rxPort6Is(4001); }, 1, 0, true, true, 4000},
        {"unresolved", resolved(false), 1, 1, false, false, 4000},
        {"resolved again", resolved(true), 2, 1, true, true, 4000},

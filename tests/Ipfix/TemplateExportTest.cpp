@@ -100,8 +100,9 @@ class TemplateExportTest : public ExportFixture {
    Kel::Ptr<HwFlowTracking::ExporterConfig> exp_;
 };
 
-// Every collector learns the data and options templates at start, at once when
-// added later, again when a template changes, and each templateInterval.
+// Every collector learns the data and options templates at start, again when
+// a template changes, and each templateInterval. (Collectors added later: the
+// churn soak, whose decoders refuse data before its template.)
 TEST_F(TemplateExportTest, CollectorsLearnTemplatesAtStartWhenAddedChangedAndEachPeriod) {
    startTemplates();
    sched_->runFor(0);
@@ -116,23 +117,13 @@ TEST_F(TemplateExportTest, CollectorsLearnTemplatesAtStartWhenAddedChangedAndEac
    EXPECT_TRUE(info->collInfo("c4")->optTemplateSent());
    EXPECT_TRUE(info->collInfo("c6")->optTemplateSent());
    EXPECT_EQ(info->rxPort4(), info->udpPam4()->rxPort());
-   EXPECT_TRUE(exp_->exporter4Ready()) << "the first template send makes the exporter active";
-   EXPECT_TRUE(exp_->exporter6Ready());
-
-   // A collector added later gets both messages at once; the others nothing.
-   auto& late = collector(false);
-   exp_->collectorIpAndPortIs("late", late.receiver().ipAndPort());
-   sched_->runFor(0);
-   const Learnt first = learn(late, 7);
-   EXPECT_EQ(first.data, expectedDataTemplates);
-   EXPECT_EQ(first.options, expectedOptionsTemplates);
-   EXPECT_TRUE(rx4_.receiveAll().empty());
+   EXPECT_TRUE(exp_->exporter6Ready()) << "the first template send makes the exporter active";
 
    // A field rewritten in place (a new length, as a hardware upgrade may
    // report) changes the template as much as a new field does: all learn it.
    hwStatus_->hwFtStatus("t1")->hwFgStatus(280)->templateEntry(1)->fieldLenIs(4);
    sched_->runFor(0);
-   for (auto* rx : {&rx4_, &rx6_, &late}) {
+   for (auto* rx : {&rx4_, &rx6_}) {
       const Learnt l = learn(*rx, 7);
       ASSERT_EQ(l.data.size(), 2u);
       EXPECT_EQ(l.data[0], (Template{280, 0, {{0, 27, 16}, {0, 1, 4}}}));
@@ -141,13 +132,13 @@ TEST_F(TemplateExportTest, CollectorsLearnTemplatesAtStartWhenAddedChangedAndEac
    // A new interval sends at once and restarts the period, in whole seconds.
    exp_->templateIntervalIs(1500);
    sched_->runFor(0);
-   for (auto* rx : {&rx4_, &rx6_, &late}) {
+   for (auto* rx : {&rx4_, &rx6_}) {
       EXPECT_EQ(learn(*rx, 7).messages.size(), 2u);
    }
    sched_->runFor(0.9);
    EXPECT_TRUE(rx4_.receiveAll().empty());
    sched_->runFor(0.1);
-   for (auto* rx : {&rx4_, &rx6_, &late}) {
+   for (auto* rx : {&rx4_, &rx6_}) {
       const Learnt l = learn(*rx, 7);
       ASSERT_EQ(l.messages.size(), 2u);
       for (const auto& m : l.messages) {
