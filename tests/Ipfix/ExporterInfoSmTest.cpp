@@ -12,11 +12,6 @@ namespace {
 
 class ExporterTest : public ExportFixture {
  public:
-   Kel::Ptr<FlowTracking::ExporterInfoSm> exporterSm(const Kel::Name& tracker,
-                                                     const Kel::Name& exporter) const {
-      const auto t = sm_->ftInfoSm(tracker);
-      return t ? t->expInfoSm(exporter) : nullptr;
-   }
    void SetUp() override {
       addTracker("t1");
       exp_ = addExporter("t1", "e1");
@@ -28,81 +23,54 @@ class ExporterTest : public ExportFixture {
    Kel::Ptr<HwFlowTracking::ExporterConfig> exp_;
 };
 
-// Readiness and the active/inactive messages, step by step, one scenario a
-// fresh tree.
-struct ReadinessStep {
-   const char* what;
-   std::function<void(ExporterTest&)> act;
-   int activeLogs;    // cumulative
-   int inactiveLogs;  // cumulative
-   bool ready4, ready6;
-   Nivel::Port hwRxPort4;
-};
-struct ReadinessScenario {
-   const char* name;
-   bool multiThreaded;
-   std::vector<ReadinessStep> steps;
+// Readiness and the active/inactive messages, step by step, in both threading
+// modes: with several threads the library leaves the configuration's
+// readiness and port to the thread that owns them, and only logs.
+class ExporterThreadingTest : public ExporterTest, public ::testing::WithParamInterface<bool> {
+ protected:
+   void SetUp() override {
+      ExporterTest::SetUp();
+      init_->agentInfo()->multiThreadedIs(GetParam());
+      start();
+      sched_->runFor(0);
+   }
 };
 
-std::function<void(ExporterTest&)> rxPort4(Nivel::Port p) {
-   return [p](ExporterTest& test) { test.info()->rxPort4Is(p); };
-}
-std::function<void(ExporterTest&)> resolved(bool r) {
-   return [r](ExporterTest& test) { test.exp_->exporterResolvedIs(r); };
-}
-
-class ExporterReadinessTest : public ExporterTest,
-                              public ::testing::WithParamInterface<ReadinessScenario> {};
-
-TEST_P(ExporterReadinessTest, ReadinessAndLogsFollowTransitionsOnly) {
-   init_->agentInfo()->multiThreadedIs(GetParam().multiThreaded);
-   start();
-   sched_->runFor(0);
+TEST_P(ExporterThreadingTest, ReadinessAndLogsFollowTransitionsOnly) {
+   const auto rxPort4 = [this](Nivel::Port p) { return [this, p] { info()->rxPort4Is(p); }; };
+   const auto resolved = [this](bool r) { return [this, r] { exp_->exporterResolvedIs(r); }; };
+   const struct {
+      const char* what;
+      std::function<void()> act;
+      int activeLogs, inactiveLogs;  // cumulative
+      bool ready4, ready6;
+      Nivel::Port hwRxPort4;
+   } steps[] = {
+       {"port without resolution", rxPort4(4000), 0, 0, false, false, 4000},
+       {"still unresolved: never active, no message", resolved(false), 0, 0, false, false, 4000},
+       {"resolved", resolved(true), 1, 0, true, false, 4000},
+       {"same state again",
+        [this] { sm_->ftInfoSm("t1")->expInfoSm("e1")->handleExporterResolved(); }, 1, 0, true,
+        false, 4000},
+       {"v6 port too", [this] { info()->rxPort6Is(4001); }, 1, 0, true, true, 4000},
+       {"unresolved", resolved(false), 1, 1, false, false, 4000},
+       {"resolved again", resolved(true), 2, 1, true, true, 4000},
+       {"port lost", rxPort4(0), 2, 1, false, true, 0},
+   };
+   const bool multiThreaded = GetParam();
    Kel::LogCapture logs;
-   for (const ReadinessStep& step : GetParam().steps) {
+   for (const auto& step : steps) {
       SCOPED_TRACE(step.what);
-      step.act(*this);
+      step.act();
       EXPECT_EQ(logs.count("EXPORTER_ACTIVE"), std::size_t(step.activeLogs));
       EXPECT_EQ(logs.count("EXPORTER_INACTIVE"), std::size_t(step.inactiveLogs));
-      EXPECT_EQ(exp_->exporter4Ready(), step.ready4);
-      EXPECT_EQ(exp_->exporter6Ready(), step.ready6);
-      EXPECT_EQ(exp_->rxPort4(), step.hwRxPort4);
+      EXPECT_EQ(exp_->exporter4Ready(), step.ready4 && !multiThreaded);
+      EXPECT_EQ(exp_->exporter6Ready(), step.ready6 && !multiThreaded);
+      EXPECT_EQ(exp_->rxPort4(), multiThreaded ? 0 : step.hwRxPort4);
    }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Scenarios, ExporterReadinessTest,
-    ::testing::Values(
-        ReadinessScenario{
-            "SingleThreaded",
-            false,
-            {{"resolved without a port", resolved(true), 0, 0, false, false, 0},
-             {"port known", rxPort4(4000), 1, 0, true, false, 4000},
-             {"same state again",
-              [](ExporterTest& test) { test.exporterSm("t1", "e1")->handleExporterResolved(); }, 1,
-              0, true, false, 4000},
-             {"v6 port too", [](ExporterTest& test) { test.info()->rxPort6Is(4001); }, 1, 0, true,
-              true, 4000},
-             {"unresolved", resolved(false), 1, 1, false, false, 4000},
-             {"resolved again", resolved(true), 2, 1, true, true, 4000},
-             {"port lost", rxPort4(0), 2, 1, false, true, 0}}},
-        ReadinessScenario{"NeverActiveLogsNothing",
-                          false,
-                          {{"port without resolution", rxPort4(4000), 0, 0, false, false, 4000},
-                           {"still unresolved", resolved(false), 0, 0, false, false, 4000}}},
-        ReadinessScenario{"MultiThreadedLeavesConfigurationAlone",
-                          true,
-                          {{"resolved", resolved(true), 0, 0, false, false, 0},
-                           {"port known", rxPort4(4000), 1, 0, false, false, 0},
-                           {"unresolved", resolved(false), 1, 1, false, false, 0}}}),
-    [](const auto& p) { return p.param.name; });
-
-class ExporterDeletionTest : public ExporterTest, public ::testing::WithParamInterface<bool> {};
-
-TEST_P(ExporterDeletionTest, DeletionClosesSocketsDropsCollectorsAndClearsPublishedState) {
-   init_->agentInfo()->multiThreadedIs(GetParam());
-   start();
-   sched_->runFor(0);
+TEST_P(ExporterThreadingTest, DeletionClosesSocketsDropsCollectorsAndClearsPublishedState) {
    exp_->exporterResolvedIs(true);
    info()->rxPort4Is(info()->udpPam4()->rxPort());
    info()->rxPort6Is(info()->udpPam6()->rxPort());
@@ -122,22 +90,9 @@ TEST_P(ExporterDeletionTest, DeletionClosesSocketsDropsCollectorsAndClearsPublis
    EXPECT_TRUE(logs.lines().empty()) << "no message on deletion";
 }
 
-INSTANTIATE_TEST_SUITE_P(Threading, ExporterDeletionTest, ::testing::Bool(), [](const auto& p) {
+INSTANTIATE_TEST_SUITE_P(Threading, ExporterThreadingTest, ::testing::Bool(), [](const auto& p) {
    return p.param ? "MultiThreaded" : "SingleThreaded";
 });
-
-TEST_F(ExporterTest, ExporterDeletedBeforeItsTaskRanOpensNothing) {
-   int opens = 0;
-   Nivel::UdpPam::faultsIs({.open = [&](const Nivel::UdpPam&) { return ++opens, 0; }, .tx = {}});
-   start();
-   const auto record = info();
-   hwConfig_->hwFtConfig("t1")->expConfigDel("e1");
-   sched_->runFor(1.0);
-   EXPECT_EQ(opens, 0);
-   EXPECT_EQ(record->udpPam4(), nullptr);
-   EXPECT_TRUE(record->collInfo().empty());
-   EXPECT_EQ(sched_->tasksRun(), 0u);
-}
 
 TEST_F(ExporterTest, SocketOpenFailureLeavesOnlyThatExporterInactive) {
    addExporter("t1", "e2");
