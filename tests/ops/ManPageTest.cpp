@@ -16,15 +16,13 @@ using TestSupport::ChildProcess;
 
 const std::string manDir = MAN_DIR;
 
-// Roff text as it reads: hyphens, no font changes, no zero-width escapes.
+// Roff text as it reads: hyphens, no font changes.
 std::string plain(const std::string& roff) {
    std::string out;
    for (std::size_t i = 0; i < roff.size(); ++i) {
       const char next = i + 1 < roff.size() && roff[i] == '\\' ? roff[i + 1] : '\0';
       if (next == 'f') {
          i += 2;  // \fB, \fR, ...
-      } else if (next == '%' || next == '&') {
-         ++i;
       } else if (next == '-') {
          out += '-';
          ++i;

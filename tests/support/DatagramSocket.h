@@ -35,12 +35,6 @@ class DatagramSocket {
    void connectTo(const std::string& path) {
       ASSERT_EQ(at(path, ::connect), 0) << std::strerror(errno);
    }
-   void sendTo(const std::string& path, const std::string& bytes) {
-      const auto send = [&](int fd, const sockaddr* a, socklen_t n) {
-         return ::sendto(fd, bytes.data(), bytes.size(), 0, a, n);
-      };
-      ASSERT_EQ(at(path, send), static_cast<ssize_t>(bytes.size())) << std::strerror(errno);
-   }
    // The next datagram, or nullopt when none comes within `timeoutMs`: the
    // default is generous, so that a broken peer fails the test, not hangs it.
    std::optional<std::string> receive(int timeoutMs = 60'000) {
@@ -51,7 +45,7 @@ class DatagramSocket {
    }
 
  private:
-   // `call` (bind, connect, sendto) on this socket and the address of `path`.
+   // `call` (bind, connect) on this socket and the address of `path`.
    template <class Call>
    ssize_t at(const std::string& path, Call call) const {
       sockaddr_un addr{};

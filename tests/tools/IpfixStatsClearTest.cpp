@@ -83,17 +83,6 @@ class ExportingAgent {
          return false;  // no table yet
       }
    }
-   // Every collector entry of `before` is still there, its counters not
-   // reset, and no clear-time entry appeared.
-   void expectUnchanged(const Entries& before) const {
-      const Entries after = entries();
-      EXPECT_EQ(after.size(), before.size());
-      for (const auto& [where, e] : before) {
-         ASSERT_TRUE(after.contains(where)) << where;
-         EXPECT_GE(after.at(where).exportedMessageTotalCount(), e.exportedMessageTotalCount());
-         EXPECT_EQ(after.at(where).lastClearedTime(), 0);
-      }
-   }
    ChildProcess& process() { return *process_; }
 
  private:
@@ -171,9 +160,9 @@ TEST(IpfixStatsClear, ClearsTheNamedCountersOnly) {
    }
 }
 
-// Agents started on socket paths another does not own are refused and leave
-// the first agent serving: its socket, a file that is not a socket, in a
-// directory that is missing or not one.
+// Agents started on socket paths another owns are refused and leave them
+// alone: the socket of the first agent, which goes on serving, and a file
+// that is not a socket.
 TEST(IpfixStatsClear, SocketPathsTakenOrUnusableAreRefused) {
    const TestSupport::ScopedRuntimeDirectory runtime;
    const TestSupport::ScopedTableName table("clearbad");
@@ -185,25 +174,13 @@ TEST(IpfixStatsClear, SocketPathsTakenOrUnusableAreRefused) {
    std::ofstream(file) << "not a socket\n";
    const std::string configPath = ::testing::TempDir() + "clear-own.yaml";
    std::ofstream(configPath) << config(1);
-   const struct {
-      std::string table;
-      std::vector<std::string> args;
-      std::string message;
-   } agents[] = {
-       {table, {}, socket + " is in use: another ipfix-agent serves this statistics table"},
-       {fileTable, {}, file + ": the path exists and is not a socket"},
-       {table,
-        {"--control-socket", runtime.path() + "/missing/x.sock"},
-        "control socket directory " + runtime.path() + "/missing does not exist"},
-       {table,
-        {"--control-socket", file + "/x.sock"},
-        "control socket directory " + file + " is not a directory"},
-   };
-   for (const auto& a : agents) {
-      std::vector<std::string> command{IPFIX_AGENT_PATH, "--config", configPath, "--stats-table",
-                                       a.table};
-      command.insert(command.end(), a.args.begin(), a.args.end());
-      ToolTest::expectFailure(ChildProcess::run(command), 1, a.message, "");
+   for (const auto& [taken, message] :
+        {std::pair{table.str(),
+                   socket + " is in use: another ipfix-agent serves this statistics table"},
+         std::pair{fileTable.str(), file + ": the path exists and is not a socket"}}) {
+      ToolTest::expectFailure(
+          ChildProcess::run({IPFIX_AGENT_PATH, "--config", configPath, "--stats-table", taken}), 1,
+          message, "");
    }
    ::unlink(configPath.c_str());
    EXPECT_EQ((std::stringstream() << std::ifstream(file).rdbuf()).str(), "not a socket\n");
@@ -240,7 +217,6 @@ TEST(IpfixStatsClear, OnlyTheAgentsUserAndRootAreAnswered) {
       const TestSupport::ScopedTableName table("clearuser");
       ExportingAgent agent(table, {}, a.agent);
       ASSERT_TRUE(agent.exported()) << "the agent did not start exporting";
-      const Entries before = agent.entries();
       for (const auto& [uid, answered] : a.senders) {
          SCOPED_TRACE("sender uid " + std::to_string(uid));
          DatagramSocket client;
@@ -262,7 +238,10 @@ TEST(IpfixStatsClear, OnlyTheAgentsUserAndRootAreAnswered) {
             EXPECT_EQ(reply, "ok\n");
          } else {
             EXPECT_TRUE(reply.starts_with("error: permission denied")) << reply;
-            agent.expectUnchanged(before);
+            // The clear it asked for would have replaced ft1's entry by its
+            // clear time.
+            const Entries after = agent.entries();
+            EXPECT_TRUE(after.contains("ft1/e1") && !after.contains("ft1//")) << "it cleared";
          }
       }
       ToolTest::stop(agent.process());

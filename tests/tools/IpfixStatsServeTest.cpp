@@ -21,10 +21,10 @@ struct Response {
    std::string body;
 };
 
-Response fetch(const std::string& url, std::vector<std::string> options = {}) {
-   options.insert(options.begin(), {CURL_PATH, "-sS", "--max-time", "20", "-w",
-                                    "\n%{http_code} %{content_type}", url});
-   const std::string out = ChildProcess::run(options).out;
+Response fetch(const std::string& url) {
+   const std::string out = ChildProcess::run({CURL_PATH, "-sS", "--max-time", "20", "-w",
+                                              "\n%{http_code} %{content_type}", url})
+                               .out;
    const std::size_t last = out.rfind('\n');
    if (last == std::string::npos) {
       return {};
@@ -94,21 +94,11 @@ TEST(IpfixStatsServe, AnswersScrapesAndFollowsRestartedAgents) {
    EXPECT_EQ(nextTracker(), "ft-second");
    ToolTest::stop(watch);
 
-   // Requests it does not serve are refused, one that never ends holds up
-   // nobody else, and the server goes on serving. (The connections close
-   // before the server stops, which would otherwise wait for their reads to
-   // time out.)
+   // A connection that never sends a request holds up nobody else. (It
+   // closes before the server stops, which would otherwise wait for its read
+   // to time out.)
    {
       const SilentConnection silent(port);
-      const std::string root = url.substr(0, url.rfind('/') + 1);
-      for (const auto& [path, options] :
-           {std::pair<std::string, std::vector<std::string>>{root, {}},
-            {url, {"-X", "POST", "--data", "x"}}}) {
-         SCOPED_TRACE(path);
-         const int status = fetch(path, options).status;
-         EXPECT_GE(status, 400);
-         EXPECT_LT(status, 500);
-      }
       EXPECT_EQ(fetch(url).status, 200);
    }
 
