@@ -172,7 +172,6 @@ flow-tracking:
           - template-id: 65531
             entries: 0
             fields: [ { element: innerSrcIp, flow-key: TRUE }, { element: "1", flow-key: false } ]
-  hardware: { trackers: [] }
 )",
                                     "t.yaml");
    ASSERT_EQ(errorTexts(result), std::vector<Kel::String>{});
@@ -188,19 +187,11 @@ flow-tracking:
    ft1.flowGroups[65531] = {
        0, {{Ipfix::RecordType::innerSrcIp, true}, {Ipfix::RecordType::octetDeltaCount, false}}};
    expected.tracking[FlowTracking::FlowTrackingType::sampled] = {1024, {{"ft1", ft1}}};
-   expected.tracking[FlowTracking::FlowTrackingType::hardware] = {};
    EXPECT_TRUE(*result.config == expected);
 
    const auto defaults = Agent::parse("flow-tracking: {}\n", "t.yaml");
    ASSERT_TRUE(defaults.config);
    EXPECT_TRUE(*defaults.config == Agent::AgentConfig{});
-   EXPECT_EQ(defaults.config->statisticsTable, "ipfix-collector-stats");
-}
-
-TEST(ConfigLoader, UnreadableFileIsOneError) {
-   EXPECT_EQ(errorTexts(Agent::load("/nonexistent/agent.yaml")),
-             std::vector<Kel::String>{"/nonexistent/agent.yaml: cannot read: No such file or "
-                                      "directory"});
 }
 
 }  // namespace
