@@ -23,15 +23,13 @@ TEST(ClearRequests, RepeatedRequestsReachTheLibraryEachTime) {
    ASSERT_TRUE(parsed.config);
    const Agent::AgentConfig& config = *parsed.config;
    for (int i = 0; i < 3; ++i) {
+      clock.clock().advanceTo(i < 2 ? 500 : 501);
       EXPECT_EQ(Agent::answerControlRequest("clear tracker=ft1\n", config, *configReq), "ok\n");
    }
-   clock.clock().advanceTo(501);
-   EXPECT_EQ(Agent::answerControlRequest("clear tracker=ft1\n", config, *configReq), "ok\n");
-   ASSERT_EQ(recorder.written.size(), 4u);
+   ASSERT_EQ(recorder.written.size(), 3u);
    EXPECT_EQ(recorder.written[0], (FlowTracking::ClearCountersRequest{"ft1", "", 500}));
    EXPECT_GT(recorder.written[1].requestTime, recorder.written[0].requestTime);
-   EXPECT_GT(recorder.written[2].requestTime, recorder.written[1].requestTime);
-   EXPECT_EQ(recorder.written[3].requestTime, 501);
+   EXPECT_EQ(recorder.written[2].requestTime, 501);
 }
 
 }  // namespace

@@ -45,37 +45,28 @@ TEST_F(TaskSchedulerTest, ReadyTasksRunByPriorityThenFifo) {
 // call that does not push the deadline out, and stopTask() cancelling a
 // pending one: see OptionsDataExportTest's UpdatesCoalesceForOneSecond... and
 // PeriodicTransmissionDiscardsQueuedUpdates.)
-struct DelayCase {
-   const char* name;
-   std::vector<double> delays;  // scheduleTaskLowestDelay; < 0: scheduleTask
-   std::vector<Kel::String> expected;
-};
-
-class LowestDelay : public TaskSchedulerTest, public ::testing::WithParamInterface<DelayCase> {};
-
-TEST_P(LowestDelay, KeepsTheEarlierDeadline) {
-   auto t = task("t");
-   for (std::size_t i = 0; i < GetParam().delays.size(); ++i) {
-      if (i > 0) {
-         sched_->runFor(0.5);
+TEST_F(TaskSchedulerTest, LowestDelayKeepsTheEarlierDeadline) {
+   const struct {
+      std::vector<double> delays;  // scheduleTaskLowestDelay; < 0: scheduleTask
+      std::vector<Kel::String> expected;
+   } cases[] = {{{5.0, 1.0}, {"t@1.5"}}, {{0.0}, {"t@0"}}, {{5.0, -1, 0.5}, {"t@0.5", "t@1.5"}}};
+   for (const auto& c : cases) {
+      sched_ = Kel::makePtr<Bexa::TaskSchedulerRoot>();
+      start_ = Kel::System::currentTime();
+      ran_.clear();
+      auto t = task("t");
+      for (std::size_t i = 0; i < c.delays.size(); ++i) {
+         sched_->runFor(i > 0 ? 0.5 : 0.0);
+         if (c.delays[i] < 0) {
+            t->scheduleTask();
+         } else {
+            t->scheduleTaskLowestDelay(c.delays[i]);
+         }
       }
-      const double d = GetParam().delays[i];
-      if (d < 0) {
-         t->scheduleTask();
-      } else {
-         t->scheduleTaskLowestDelay(d);
-      }
+      sched_->runFor(20.0);
+      EXPECT_EQ(ran_, c.expected);
    }
-   sched_->runFor(20.0);
-   EXPECT_EQ(ran_, GetParam().expected);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Rows, LowestDelay,
-    ::testing::Values(DelayCase{"earlierCallPullsIn", {5.0, 1.0}, {"t@1.5"}},
-                      DelayCase{"zeroIsDueNow", {0.0}, {"t@0"}},
-                      DelayCase{"readyWinsOverPendingDelay", {5.0, -1, 0.5}, {"t@0.5", "t@1.5"}}),
-    [](const auto& row) { return row.param.name; });
 
 // A long task yields as soon as a higher-priority one is ready (yielding once
 // the slice is used up is checked by the options data exporter's flush in

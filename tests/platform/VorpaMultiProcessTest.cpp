@@ -89,7 +89,6 @@ Kel::U64 finalVersion(Kel::U32 k) {
 }
 
 struct ReaderReport {
-   Kel::U64 reads;
    Kel::U64 readsBeforeDone;
    Kel::U64 torn;
    Kel::U64 regressions;
@@ -107,13 +106,14 @@ ReaderReport followWrites(const Kel::Name& name, int fd) {
    const Reader reader = Reader::mount(name);
    ReaderReport report{};
    std::array<Kel::U64, keyCount> latest{};
+   bool done = false;
    const auto readKey = [&](Kel::U32 k) {
       Value v;
       Vorpa::ReadStatus status;
       do {
          status = reader.entry(keyOf(k), v);
       } while (status == Vorpa::ReadStatus::busy);
-      ++report.reads;
+      report.readsBeforeDone += !done;
       if (status != Vorpa::ReadStatus::ok || !v.intact()) {
          ++report.torn;
       } else if (v.version < latest[k]) {
@@ -125,7 +125,6 @@ ReaderReport followWrites(const Kel::Name& name, int fd) {
    Kel::U64 cursor = reader.changeSeq();
    std::vector<Vorpa::Change<Key>> changes;
    put(fd, 'r');  // ready
-   bool done = false;
    while (!done) {
       changes.clear();
       if (reader.changesSince(cursor, changes) != Vorpa::FollowStatus::ok) {
@@ -150,9 +149,6 @@ ReaderReport followWrites(const Kel::Name& name, int fd) {
       // No sleeping between passes: this reader races the writer, which paces
       // its wake-ups, so a sleep would skip much of the run (sleeping readers
       // are tested below).
-      if (!done) {
-         report.readsBeforeDone = report.reads;
-      }
    }
    for (Kel::U32 k = 0; k < keyCount; ++k) {
       report.missedFinal += latest[k] != finalVersion(k);
