@@ -90,6 +90,23 @@ TEST(ElementIdColl, HoldsTheCatalogueInItsOrder) {
    EXPECT_FALSE(!coll.elementIdColl(RecordType(1)));
 }
 
+TEST(IpfixMsgSeqNo, WrapsModulo32BitsAndRoundTripsText) {
+   const struct {
+      Kel::U32 a, b, sum;
+   } cases[] = {
+       {4294967295u, 1, 0}, {4294967290u, 10, 4}, {7, 0, 7}, {0, 4294967295u, 4294967295u}};
+   for (const auto& c : cases) {
+      Ipfix::IpfixMsgSeqNo n(c.a);
+      EXPECT_EQ((n + Ipfix::IpfixMsgSeqNo(c.b)).value(), c.sum);
+      n += Ipfix::IpfixMsgSeqNo(c.b);
+      EXPECT_EQ(n.value(), c.sum);
+      EXPECT_EQ(Ipfix::IpfixMsgSeqNo::parse(n.str()), n);
+   }
+   EXPECT_FALSE(Ipfix::IpfixMsgSeqNo::parse("4294967296").has_value());
+   EXPECT_FALSE(Ipfix::IpfixMsgSeqNo::parse("-1").has_value());
+   EXPECT_FALSE(Ipfix::IpfixMsgSeqNo::parse("").has_value());
+}
+
 // A collector's counter moves by the records of each message; observers hear
 // of a move only.
 TEST(IpfixMsgSeqNo, CollectorCounterWrapsAndAnnouncesOnlyAMove) {
@@ -106,6 +123,23 @@ TEST(IpfixMsgSeqNo, CollectorCounterWrapsAndAnnouncesOnlyAMove) {
    EXPECT_EQ(info->ipfixMsgSeqNoInc(10).value(), 4u);
    EXPECT_EQ(info->ipfixMsgSeqNo().value(), 4u);
    EXPECT_EQ(counter.moves, 2);
+}
+
+TEST(FlowTrackingType, OnlyTwoIsHardware) {
+   using FlowTracking::FlowTrackingType;
+   EXPECT_EQ(FlowTracking::trackingTypeString(FlowTrackingType(2)), "Hardware");
+   for (int v : {0, 1, 3, 255}) {
+      EXPECT_EQ(FlowTracking::trackingTypeString(FlowTrackingType(v)), "Sampled") << v;
+   }
+}
+
+TEST(RecordType, ParsesNamesAndDefinedNumbersOnly) {
+   EXPECT_EQ(Ipfix::parseRecordType("VRFname"), RecordType::VRFname);
+   EXPECT_EQ(Ipfix::parseRecordType("1043"), RecordType::broadscanTsNewLearn);
+   EXPECT_FALSE(Ipfix::parseRecordType("1030").has_value());
+   EXPECT_FALSE(Ipfix::parseRecordType("vrfname").has_value());
+   EXPECT_EQ(Ipfix::recordTypes().size(), 54u);
+   EXPECT_EQ(Ipfix::recordTypeString(RecordType(3)), "3");
 }
 
 }  // namespace

@@ -43,6 +43,10 @@ std::vector<Record> records(const std::vector<LoopbackCollector::Message>& messa
    return all;
 }
 
+Record intf(std::uint64_t index, const std::string& name) {
+   return Record{index, name};
+}
+
 class OptionsDataExportTest : public ExportFixture {
  protected:
    void SetUp() override {
@@ -60,9 +64,9 @@ class OptionsDataExportTest : public ExportFixture {
       container_->updateIs(update_);
    }
 
-   void fill(Kel::U32 count) {
+   void fill(Kel::U32 count, const std::string& prefix = "Ethernet") {
       for (Kel::U32 i = 1; i <= count; ++i) {
-         source_->dataRecordIs(intfRecord(i, "Ethernet" + std::to_string(i)));
+         source_->dataRecordIs(intfRecord(i, prefix + std::to_string(i)));
       }
       source_->versionInc(1);
    }
@@ -74,18 +78,11 @@ class OptionsDataExportTest : public ExportFixture {
           "e1", "t1", 7, hwConfig_->hwFtConfig("t1"), exp_, exporterInfo("t1", "e1"), stats_,
           container_, sched_);
    }
-   // Started over `count` interfaces, the first full table received.
-   void startedWith(Kel::U32 count) {
-      fill(count);
-      startExporter();
-      sched_->runFor(0);
-      optionsData(c4_);
-   }
 
-   std::vector<Record> expectedTable(Kel::U32 count) {
+   std::vector<Record> expectedTable(Kel::U32 count, const std::string& prefix = "Ethernet") {
       std::vector<Record> all;
       for (Kel::U32 i = 1; i <= count; ++i) {
-         all.push_back(Record{std::uint64_t(i), "Ethernet" + std::to_string(i)});
+         all.push_back(intf(i, prefix + std::to_string(i)));
       }
       return all;
    }
@@ -140,38 +137,79 @@ TEST_F(OptionsDataExportTest, FullTablesReachEveryCollectorAfterItsOptionsTempla
    EXPECT_EQ(entry->exportedMessageTotalCount(), 1u + msgCount) << "options templates, then data";
 }
 
-TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessageNullsAreNothing) {
-   startedWith(2);
+TEST_F(OptionsDataExportTest, OneCachedMessageCarriesEachCollectorsOwnSequence) {
+   fill(3);
+   startExporter();
+   sched_->runFor(0);
+   optionsData(c4_);
+   optionsData(c6_);
+   exporterInfo("t1", "e1")->collInfo("c6")->ipfixMsgSeqNoIs(Ipfix::IpfixMsgSeqNo(1000));
+   sched_->runFor(300);  // the default active interval: one periodic transmission
+   const auto d4 = optionsData(c4_);
+   const auto d6 = optionsData(c6_);
+   ASSERT_EQ(d4.size(), 1u);
+   ASSERT_EQ(d6.size(), 1u);
+   EXPECT_EQ(d4[0].sequenceNumber(), 3u);
+   EXPECT_EQ(d6[0].sequenceNumber(), 1000u);
+   EXPECT_EQ(
+       std::vector<Kel::U8>(d4[0].datagram.payload.begin() + 12, d4[0].datagram.payload.end()),
+       std::vector<Kel::U8>(d6[0].datagram.payload.begin() + 12, d6[0].datagram.payload.end()));
+   EXPECT_EQ(exporter_->msgCacheBuildCount(), 1u);
+}
 
-   update_->addUpdate(intfSetId, nullptr);  // nothing to send
-   EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
+TEST_F(OptionsDataExportTest, UpdatesCoalesceForOneSecondUnlessTheyFillAMessage) {
+   fill(2);
+   startExporter();
+   sched_->runFor(0);
+   optionsData(c4_);
+
    update_->addUpdate(intfSetId, intfRecord(10, "Ethernet10"));
-   update_->addUpdate(intfSetId, nullptr);
-   EXPECT_EQ(exporter_->updateQueueBytes(), 15u);
    sched_->runFor(0.6);
    update_->addUpdate(intfSetId, intfRecord(11, "Ethernet11"));  // does not push the deadline
    sched_->runFor(0.3);
    EXPECT_TRUE(optionsData(c4_).empty());
    sched_->runFor(0.1);
-   const auto d = optionsData(c4_);
+   auto d = optionsData(c4_);
    ASSERT_EQ(d.size(), 1u);
-   EXPECT_EQ(records(d), (std::vector<Record>{{10u, "Ethernet10"}, {11u, "Ethernet11"}}));
+   EXPECT_EQ(records(d), (std::vector<Record>{intf(10, "Ethernet10"), intf(11, "Ethernet11")}));
    EXPECT_EQ(d[0].sequenceNumber(), 2u);
    EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
 
    // 1431 octets with one set (20 octets of headers) still coalesce at MTU
    // 1500; 1432 go at once.
-   for (const std::size_t queued : {1431u, 1432u}) {
-      SCOPED_TRACE(queued);
-      for (Kel::U32 i = 0; i < 5; ++i) {
-         update_->addUpdate(intfSetId, intfRecord(20 + i, std::string(245, 'x')));  // 250 octets
-      }
-      update_->addUpdate(intfSetId, intfRecord(30, std::string(queued - 1250 - 5, 'z')));
-      EXPECT_EQ(exporter_->updateQueueBytes(), queued);
-      sched_->runFor(0);
-      EXPECT_EQ(records(optionsData(c4_)).size(), queued == 1432 ? 6u : 0u);
-      exporter_->abortUpdates();
+   const std::string name245(245, 'x');
+   for (int i = 0; i < 5; ++i) {
+      update_->addUpdate(intfSetId, intfRecord(20 + i, name245));  // 250 octets each
    }
+   update_->addUpdate(intfSetId, FlowTracking::dataRecordFactory(std::string(181, 'y')));
+   EXPECT_EQ(exporter_->updateQueueBytes(), 1431u);
+   sched_->runFor(0);
+   EXPECT_TRUE(optionsData(c4_).empty());
+   exporter_->abortUpdates();
+   for (int i = 0; i < 5; ++i) {
+      update_->addUpdate(intfSetId, intfRecord(20 + i, name245));
+   }
+   update_->addUpdate(intfSetId, intfRecord(30, std::string(177, 'z')));  // 182 octets
+   EXPECT_EQ(exporter_->updateQueueBytes(), 1432u);
+   sched_->runFor(0);
+   d = optionsData(c4_);
+   ASSERT_FALSE(d.empty());
+   EXPECT_EQ(records(d).size(), 6u);
+}
+
+TEST_F(OptionsDataExportTest, NullUpdateIsQueuedAsNothingToSend) {
+   fill(1);
+   startExporter();
+   sched_->runFor(0);
+   optionsData(c4_);
+   update_->addUpdate(intfSetId, nullptr);
+   EXPECT_EQ(update_->version(), 1u);
+   EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
+   update_->addUpdate(intfSetId, intfRecord(5, "Ethernet5"));
+   update_->addUpdate(intfSetId, nullptr);
+   EXPECT_EQ(exporter_->updateQueueBytes(), 14u);
+   sched_->runFor(1.0);
+   EXPECT_EQ(records(optionsData(c4_)), (std::vector<Record>{intf(5, "Ethernet5")}));
 }
 
 // The smallest MTU leaves 125 octets a message: headers of 20 and a record
@@ -191,7 +229,7 @@ TEST_P(LongestRecordTest, RecordLongerThanAnEmptyMessageIsABug) {
    });
    if (nameLength == 100) {
       EXPECT_EQ(failure, "(nothing thrown)");
-      EXPECT_EQ(records(optionsData(c4_)), (std::vector<Record>{{1u, std::string(100, 'n')}}));
+      EXPECT_EQ(records(optionsData(c4_)), (std::vector<Record>{intf(1, std::string(100, 'n'))}));
    } else {
       EXPECT_EQ(failure, "consumed > 0");
    }
@@ -202,12 +240,15 @@ INSTANTIATE_TEST_SUITE_P(NameLengths, LongestRecordTest, ::testing::Values(100u,
 // A flush that uses up its turn sends what it packed, gives the turn back
 // and goes on with the rest in the next one, in queue order.
 TEST_F(OptionsDataExportTest, UpdateFlushYieldsAndResumes) {
-   startedWith(1);
+   fill(1);
+   startExporter();
+   sched_->runFor(0);
+   optionsData(c4_);
    sched_->timeSliceIs(0);  // every check finds the turn used up
    std::vector<Record> sent;
    for (Kel::U32 i = 10; i < 14; ++i) {
       update_->addUpdate(intfSetId, intfRecord(i, "Ethernet" + std::to_string(i)));
-      sent.push_back(Record{std::uint64_t(i), "Ethernet" + std::to_string(i)});
+      sent.push_back(intf(i, "Ethernet" + std::to_string(i)));
    }
    sched_->runFor(1.0);
    const auto d = optionsData(c4_);
@@ -215,6 +256,61 @@ TEST_F(OptionsDataExportTest, UpdateFlushYieldsAndResumes) {
    EXPECT_EQ(records(d), sent);
    EXPECT_EQ(d[3].sequenceNumber(), 4u);
    EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
+}
+
+TEST_F(OptionsDataExportTest, PeriodicTransmissionDiscardsQueuedUpdates) {
+   fill(2);
+   hwConfig_->hwFtConfig("t1")->activeIntervalIs(10000);
+   startExporter();
+   sched_->runFor(0);
+   optionsData(c4_);
+   sched_->runFor(9.5);
+   update_->addUpdate(intfSetId, intfRecord(9, "Ethernet9"));
+   source_->dataRecordIs(intfRecord(9, "Ethernet9"));
+   source_->versionInc(1);
+   sched_->runFor(0.5);  // the period comes first and carries the new table
+   EXPECT_EQ(exporter_->updateQueueBytes(), 0u);
+   EXPECT_FALSE(exporter_->updateTask().taskScheduled());
+   EXPECT_EQ(sorted(records(optionsData(c4_))).size(), 3u);
+   sched_->runFor(1.0);
+   EXPECT_TRUE(optionsData(c4_).empty()) << "the discarded update is not sent";
+   EXPECT_EQ(exporter_->msgCacheBuildCount(), 2u);
+}
+
+TEST_F(OptionsDataExportTest, ReaddressedCollectorIsReadmittedWithFullTables) {
+   fill(4);
+   startExporter();
+   sched_->runFor(0);
+   optionsData(c4_);
+   optionsData(c6_);
+   auto& moved = collector(false);
+   exp_->collectorIpAndPortIs("c4", moved.receiver().ipAndPort());
+   sched_->runFor(0);
+   EXPECT_EQ(sorted(records(optionsData(moved))), expectedTable(4));
+   EXPECT_TRUE(optionsData(c4_).empty());
+   EXPECT_TRUE(optionsData(c6_).empty()) << "only the readdressed collector is sent to";
+}
+
+// The managers create every source before the exporters that read them; a
+// source that comes or goes under a running exporter is a bug.
+TEST_F(OptionsDataExportTest, SourcesAreFixedOnceTheExporterRuns) {
+   fill(1);
+   startExporter();
+   EXPECT_EQ(thrownText([&] { global_->sourceIs("VrfTable", intfSetId + 1); }),
+             "data source changed after init!");
+   EXPECT_EQ(thrownText([&] { global_->sourceDel("InterfaceTable"); }),
+             "data source changed after init!");
+}
+
+TEST_F(OptionsDataExportTest, NoCollectorsStopsThePeriodicTask) {
+   fill(1);
+   startExporter();
+   sched_->runFor(0);
+   EXPECT_TRUE(exporter_->txPeriodicTask().taskScheduled());
+   exp_->collectorIpAndPortDel("c4");
+   exp_->collectorIp6AndPortDel("c6");
+   EXPECT_FALSE(exporter_->txPeriodicTask().taskScheduled());
+   EXPECT_TRUE(exporter_->collector().empty());
 }
 
 TEST_F(OptionsDataExportTest, FailingCollectorDoesNotStopTheOthers) {
@@ -234,6 +330,19 @@ TEST_F(OptionsDataExportTest, FailingCollectorDoesNotStopTheOthers) {
    Nivel::UdpPam::faultsIs({});
    sched_->runFor(300);
    EXPECT_EQ(sorted(records(optionsData(c4_))), expectedTable(5));
+}
+
+// A full statistics table refuses new entries; sending goes on regardless.
+TEST_F(OptionsDataExportTest, FullStatisticsTableCostsOnlyTheCounts) {
+   stats_ = Kel::makeActive<Vorpa::Ipfix::CollectorStatistics>(
+       "full", Vorpa::Ipfix::CollectorStatisticsTable::createAnonymous("full", 1));
+   fill(50);
+   startExporter();
+   sched_->runFor(0);
+   EXPECT_EQ(sorted(records(optionsData(c4_))), expectedTable(50));
+   EXPECT_EQ(sorted(records(optionsData(c6_))), expectedTable(50));
+   EXPECT_EQ(stats_->statsControl().size(), 1u);
+   EXPECT_GT(stats_->statsControl().insertRefusedCount(), 0u);
 }
 
 // The configuration changes from inside a send, halfway through the full

@@ -1,19 +1,15 @@
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <fstream>
-#include <string>
-#include <utility>
-#include <vector>
+#include <set>
 
+#include "AgentProcess.h"
 #include "FlowTracking/Constants.h"
 #include "Ipfix/CollectorStats.h"
-#include "Kel/System.h"
-#include "support/ChildProcess.h"
-#include "support/DatagramSocket.h"
+#include "Vorpa/Segment.h"
 #include "support/LoopbackCollector.h"
 #include "support/ScopedRuntimeDirectory.h"
 #include "support/ScopedTableName.h"
@@ -21,67 +17,43 @@
 
 namespace {
 
-// The agent as an operator runs it: a process with a configuration file,
-// sending to collectors that are real UDP sockets of this test. What it logs
-// on its standard error is read as its output.
-TestSupport::ChildProcess startAgent(const std::string& configPath, const std::string& table) {
-   return TestSupport::ChildProcess({"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1", IPFIX_AGENT_PATH,
-                                     "--config", configPath, "--stats-table", table});
-}
+using TestSupport::AgentProcess;
+using TestSupport::config;
+using TestSupport::tempPath;
+using TestSupport::writeFile;
 
-std::string tempPath(const char* name) {
-   return ::testing::TempDir() + "/" + name + "-" + std::to_string(getpid());
-}
-
-void writeFile(const std::string& path, const std::string& text) {
-   std::ofstream(path) << text;
-}
-
-// A hardware tracker ft1 (id 9) with one exporter e1 sending from 127.0.0.1
-// to `collectors` (name, port on 127.0.0.1), one flow group, interface
-// Ethernet1 (and `extraInterface`, a line of the interface list) and VRF blue.
-std::string config(const std::vector<std::pair<std::string, int>>& collectors,
-                   const std::string& extraInterface = "") {
-   std::string c = R"(flow-tracking:
-  hardware:
-    sample-rate: 512
-    trackers:
-      - name: ft1
-        id: 9
-        exporters:
-          - name: e1
-            source-ipv4: 127.0.0.1
-            dscp: 46
-            template-interval-ms: 60000
-            collectors:
-)";
-   for (const auto& [name, port] : collectors) {
-      c += "              - { name: " + name +
-           ", address: 127.0.0.1, port: " + std::to_string(port) + " }\n";
+// Set ids of the datagrams a collector gets within a few seconds, until it has
+// seen all of `wanted`.
+std::multiset<unsigned> collect(TestSupport::UdpReceiver& rx, const std::set<unsigned>& wanted,
+                                std::vector<TestSupport::Datagram>* kept = nullptr) {
+   std::multiset<unsigned> seen;
+   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+   while (std::chrono::steady_clock::now() < deadline) {
+      auto d = rx.receiveWithin(100);
+      if (!d) {
+         if (std::includes(seen.begin(), seen.end(), wanted.begin(), wanted.end())) {
+            break;
+         }
+         continue;
+      }
+      seen.insert(d->payload[16] << 8 | d->payload[17]);
+      if (kept) {
+         kept->push_back(std::move(*d));
+      }
    }
-   c += R"(        flow-groups:
-          - template-id: 300
-            entries: 10
-            fields: [ { element: sourceIPv4Address, flow-key: true }, octetDeltaCount ]
-interfaces:
-  - { name: Ethernet1, index: 1 }
-)" + extraInterface +
-        R"(vrfs:
-  - { id: 1, name: blue }
-)";
-   return c;
+   return seen;
 }
 
 using Records = std::multiset<TestSupport::LoopbackCollector::Values>;
 
-using FlowTracking::StaticTemplateId;
-std::uint16_t setOf(StaticTemplateId table) {
-   return FlowTracking::Constants::reservedTemplateId(table);
-}
-const std::uint16_t intfSet = setOf(StaticTemplateId::intfTable);
-const std::uint16_t vrfSet = setOf(StaticTemplateId::vrfTable);
-const std::uint16_t keySet = setOf(StaticTemplateId::flowKey);
-const std::uint16_t trackerSet = setOf(StaticTemplateId::flowTrackerTable);
+const std::uint16_t intfSet =
+    FlowTracking::Constants::reservedTemplateId(FlowTracking::StaticTemplateId::intfTable);
+const std::uint16_t vrfSet =
+    FlowTracking::Constants::reservedTemplateId(FlowTracking::StaticTemplateId::vrfTable);
+const std::uint16_t keySet =
+    FlowTracking::Constants::reservedTemplateId(FlowTracking::StaticTemplateId::flowKey);
+const std::uint16_t trackerSet =
+    FlowTracking::Constants::reservedTemplateId(FlowTracking::StaticTemplateId::flowTrackerTable);
 
 Records interfaces(Records configured) {
    configured.insert({{0x80000000u, "multicast"},
@@ -101,76 +73,19 @@ bool allTables(const std::vector<IpfixCollect::DecodedMessage>& messages) {
    return true;
 }
 
-// The service manager's side: the agent's notifications in order, the
-// watchdog keep-alives counted apart since they come at any time.
-class NotifySocket {
- public:
-   explicit NotifySocket(const std::string& path) { socket_.bindTo(path); }
-
-   // The next notification other than a keep-alive; "" when none comes in time.
-   std::string next() {
-      return receiveUntil([] { return false; }).value_or("");
-   }
-   // Waits until `count` keep-alives came in all; false when they do not in time.
-   bool keepAlivesReach(int count) {
-      if (const auto message = receiveUntil([&] { return keepAlives_ >= count; })) {
-         ADD_FAILURE() << "unexpected notification " << *message;
-      }
-      return keepAlives_ >= count;
-   }
-
- private:
-   // The first notification other than a keep-alive, counting these; none
-   // once `done` or after 20 seconds.
-   template <class Done>
-   std::optional<std::string> receiveUntil(Done done) {
-      const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-      while (!done() && std::chrono::steady_clock::now() < end) {
-         const auto message = socket_.receive(100);
-         if (message && *message != "WATCHDOG=1") {
-            return message;
-         }
-         keepAlives_ += message ? 1 : 0;
-      }
-      return std::nullopt;
-   }
-
-   TestSupport::DatagramSocket socket_{false};
-   int keepAlives_ = 0;
-};
-
-// "RELOADING=1" with the monotonic time the reload began, which a service
-// manager compares with its own clock.
-void expectReloading(const std::string& message) {
-   const std::string prefix = "RELOADING=1\nMONOTONIC_USEC=";
-   ASSERT_TRUE(message.starts_with(prefix)) << message;
-   const double seconds = std::stod(message.substr(prefix.size())) / 1e6;
-   EXPECT_NEAR(seconds, Kel::SystemClock().monotonic(), 10.0) << message;
-}
-
-// The agent as systemd runs a Type=notify service: the test plays the
-// service manager, with the notification socket it names in NOTIFY_SOCKET
-// and a watchdog period in WATCHDOG_USEC, and the collectors, whose streams
-// libfixbuf decodes.
-TEST(AgentService, ExportsNotifiesReloadsStopsAndKeepsTheWatchdogFed) {
+TEST(AgentProcess, ExportsReloadsAndStopsCleanly) {
    using C = TestSupport::LoopbackCollector;
    const TestSupport::ScopedRuntimeDirectory runtime;
-   const std::string socketPath = runtime.path() + "/notify";
-   NotifySocket manager(socketPath);
-   const TestSupport::ScopedVariable notifySocket("NOTIFY_SOCKET", socketPath.c_str());
-   // A keep-alive every 0.2 s.
-   const TestSupport::ScopedVariable watchdog("WATCHDOG_USEC", "400000");
    const TestSupport::ScopedTableName table("agent");
    const std::string path = tempPath("agent.yaml");
    C c1(false), c2(false);
    TestSupport::UdpReceiver& rx1 = c1.receiver();
    writeFile(path, config({{"c1", rx1.port()}}, "  - { name: Ethernet2, index: 2 }\n"));
-   TestSupport::ChildProcess agent = startAgent(path, table);
-   EXPECT_EQ(manager.next(), "READY=1\nSTATUS=Exporting: 1 tracker, 1 exporter, 1 collector");
-   EXPECT_TRUE(manager.keepAlivesReach(3)) << "the watchdog is not fed";
+   AgentProcess agent(path, table);
 
    // Everything a collector needs, decoded by libfixbuf from the stream.
    const auto messages = c1.drainUntil(allTables);
+   ASSERT_FALSE(messages.empty());
    const auto templates = C::templates(messages);
    ASSERT_TRUE(templates.contains(300));
    EXPECT_EQ(templates.at(300).fields.size(), 2u);
@@ -184,32 +99,35 @@ TEST(AgentService, ExportsNotifiesReloadsStopsAndKeepsTheWatchdogFed) {
    ASSERT_EQ(tracker.size(), 1u);
    EXPECT_EQ(tracker.begin()->at(6), C::Values::value_type(512u)) << "the sampling rate";
 
-   // A reload that adds collectors and removes an interface: the new
-   // collectors get the tables as they are now, in datagrams marked with the
-   // DSCP.
-   TestSupport::UdpReceiver rx3(false);
-   writeFile(path, config({{"c1", rx1.port()}, {"c2", c2.receiver().port()}, {"c3", rx3.port()}}));
+   // A reload that adds a collector and removes an interface: the new
+   // collector gets the tables as they are now.
+   writeFile(path, config({{"c1", rx1.port()}, {"c2", c2.receiver().port()}}));
    agent.signal(SIGHUP);
-   expectReloading(manager.next());
-   EXPECT_EQ(manager.next(), "READY=1\nSTATUS=Exporting: 1 tracker, 1 exporter, 3 collectors");
    const auto reloaded = c2.drainUntil(allTables);
    EXPECT_EQ(C::records(reloaded, intfSet), interfaces({{1u, "Ethernet1"}}));
-   const auto first = rx3.receiveWithin(10000);
-   ASSERT_TRUE(first);
-   EXPECT_EQ(first->tos, 0xB8) << "dscp 46 is written as the ToS byte 0xB8";
 
-   // A refused file ends its reload too, and the status says so.
+   // A bad file is refused and changes nothing.
    writeFile(path, "flow-tracking: [\n");
    agent.signal(SIGHUP);
-   expectReloading(manager.next());
-   EXPECT_EQ(manager.next(), "READY=1\nSTATUS=Exporting: 1 tracker, 1 exporter, 3 collectors; " +
-                                 path + " not applied, see the log");
+   // Signals of one kind do not queue: the next reload waits until the agent
+   // has refused this file.
+   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+   while (agent.stderrText().find("not applied") == std::string::npos &&
+          std::chrono::steady_clock::now() < deadline) {
+      usleep(10000);
+   }
+   TestSupport::UdpReceiver rx3(false);
+   writeFile(path, config({{"c1", rx1.port()}, {"c2", c2.receiver().port()}, {"c3", rx3.port()}}));
+   agent.signal(SIGHUP);  // the agent still runs and applies a good file
+   std::vector<TestSupport::Datagram> got;
+   EXPECT_TRUE(collect(rx3, {2}, &got).contains(2));
+   ASSERT_FALSE(got.empty());
+   EXPECT_EQ(got.front().tos, 0xB8) << "dscp 46 is written as the ToS byte 0xB8";
 
    // Stop: exit 0, statistics entries of the removed collectors gone.
    agent.signal(SIGTERM);
-   EXPECT_EQ(manager.next(), "STOPPING=1");
-   const auto stopped = agent.finish();
-   EXPECT_EQ(stopped.exitCode, 0) << stopped.out;
+   EXPECT_EQ(agent.wait(), 0);
+   EXPECT_NE(agent.stderrText().find("not applied"), std::string::npos) << agent.stderrText();
    const auto stats = Vorpa::Ipfix::CollectorStatisticsReader::mount(table);
    std::size_t entries = 0;
    stats.forEach([&](const auto&, const auto&) { ++entries; });
@@ -261,7 +179,7 @@ TEST(AgentProcess, LargestAcceptedConfigurationRunsWithoutASourceAddress) {
    C collector(false);
    const int port = collector.receiver().port();
    writeFile(path, edgeConfig({}, port));
-   TestSupport::ChildProcess agent = startAgent(path, table);
+   AgentProcess agent(path, table);
 
    const auto messages = collector.drainUntil(allTables);
    const auto templates = C::templates(messages);
@@ -276,22 +194,23 @@ TEST(AgentProcess, LargestAcceptedConfigurationRunsWithoutASourceAddress) {
    // file; so is a collector more than the statistics table holds.
    const auto refused = [&](const std::string& text, const std::string& why) {
       writeFile(path, text);
+      const std::size_t before = agent.stderrText().size();
       agent.signal(SIGHUP);
-      std::string log;
-      while (log.find("not applied") == std::string::npos) {
-         const auto line = agent.readLine();
-         ASSERT_TRUE(line) << log;
-         log += *line + "\n";
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+      while (agent.stderrText().find("not applied", before) == std::string::npos &&
+             std::chrono::steady_clock::now() < deadline) {
+         usleep(10000);
       }
-      EXPECT_NE(log.find(why), std::string::npos) << log;
+      EXPECT_NE(agent.stderrText().find(why, before), std::string::npos) << agent.stderrText();
    };
    refused(edgeConfig({.extraFields = 1}, port), "take 65488 octets");
    std::string moreCollectors = edgeConfig({.statisticsCapacity = 4}, port);
    moreCollectors.insert(moreCollectors.find("        flow-groups:"),
                          "              - { name: c2, address: 127.0.0.1, port: 9 }\n");
    refused(moreCollectors, "needs 4 statistics entries and the running table holds 3");
+   EXPECT_TRUE(agent.running());
    agent.signal(SIGTERM);
-   EXPECT_EQ(agent.finish().exitCode, 0);
+   EXPECT_EQ(agent.wait(), 0);
    unlink(path.c_str());
 }
 
@@ -305,6 +224,7 @@ TEST(AgentProcess, CheckValidatesWithLocatedErrors) {
       // A network of its own with no route at all.
       bool isolated = false;
    } cases[] = {
+       {config({{"c1", 4739}}), 0, ""},
        {"flow-tracking:\n  hardware:\n    trackers:\n      - { name: t, id: 1, colour: red }\n", 2,
         ":4: flow-tracking.hardware.trackers[0].colour:"},
        {edgeConfig({}, 4739), 0, ""},
@@ -322,18 +242,20 @@ TEST(AgentProcess, CheckValidatesWithLocatedErrors) {
    };
    for (const auto& c : cases) {
       SCOPED_TRACE(c.error);
+      writeFile(path, c.text);
+      const std::string errPath = path + ".err";
       if (c.isolated && std::system("unshare -n true 2>/dev/null") != 0) {
          std::printf("skipped the no-route case: no network namespace of our own (not root)\n");
          continue;
       }
-      writeFile(path, c.text);
-      std::vector<std::string> args{IPFIX_AGENT_PATH, "--check", "--config", path};
-      if (c.isolated) {
-         args.insert(args.begin(), {"/usr/bin/unshare", "-n"});
-      }
-      const auto result = TestSupport::ChildProcess::run(args);
-      EXPECT_EQ(result.exitCode, c.exitCode);
-      EXPECT_NE(result.err.find(c.error), std::string::npos) << result.err;
+      const std::string cmd = std::string(c.isolated ? "unshare -n " : "") + IPFIX_AGENT_PATH +
+                              " --check --config " + path + " 2>" + errPath;
+      const int status = std::system(cmd.c_str());
+      EXPECT_EQ(WEXITSTATUS(status), c.exitCode);
+      std::ifstream in(errPath);
+      const std::string err{std::istreambuf_iterator<char>(in), {}};
+      EXPECT_NE(err.find(c.error), std::string::npos) << err;
+      unlink(errPath.c_str());
    }
    unlink(path.c_str());
 }

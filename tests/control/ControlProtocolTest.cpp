@@ -9,7 +9,12 @@ using Control::ClearRequest;
 // Names as the configuration file allows them: any text up to 63 octets.
 TEST(ControlProtocol, RequestsCarryAnyNameThroughTheirText) {
    const ClearRequest requests[] = {
-       {"ft edge=1 line\nbreak\r\t", std::string("exp%20 x\0caf\xc3\xa9 a/b?~-._", 23)},
+       {},
+       {"ft1", ""},
+       {"ft1", "e1"},
+       {"ft edge=1", "exp%20 x"},
+       {"line\nbreak\r\t", std::string("nul\0byte", 8)},
+       {"caf\xc3\xa9 a/b?", "~-._"},
        {Kel::Name(63, 'x'), Kel::Name(63, '%')},
    };
    for (const ClearRequest& r : requests) {
@@ -41,9 +46,12 @@ TEST(ControlProtocol, MalformedRequestsAreRefusedWithTheirReason) {
        {"clear tracker", "field 'tracker' has no '='"},
        {"clear tracker=", "field 'tracker': empty name"},
        {"clear tracker=ft1 tracker=ft2", "field 'tracker' given twice"},
+       {"clear tracker=ft1 colour=red", "unknown field 'colour'"},
+       {"clear tracker=a%4", "not percent-encoded"},
        {"clear tracker=a%g0", "not percent-encoded"},
        {"clear tracker=a=b", "not percent-encoded"},
        {"clear tracker=a+b", "not percent-encoded"},
+       {"clear exporter=e1", "an exporter needs its tracker"},
        {"clear tracker=" + std::string(64, 'x'), "tracker name longer than 63 octets"},
        {"clear tracker=t exporter=" + std::string(64, 'x'), "exporter name longer than 63"},
    };

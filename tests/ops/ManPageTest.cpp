@@ -16,21 +16,24 @@ using TestSupport::ChildProcess;
 
 const std::string manDir = MAN_DIR;
 
-// Roff text as it reads: hyphens, no font changes.
+// Roff text as it reads: hyphens, no font changes, no zero-width escapes.
 std::string plain(const std::string& roff) {
-   std::string out;
+   std::string text;
    for (std::size_t i = 0; i < roff.size(); ++i) {
-      const char next = i + 1 < roff.size() && roff[i] == '\\' ? roff[i + 1] : '\0';
-      if (next == 'f') {
-         i += 2;  // \fB, \fR, ...
-      } else if (next == '-') {
-         out += '-';
+      if (roff[i] != '\\' || i + 1 == roff.size()) {
+         text += roff[i];
+      } else if (roff[i + 1] == '-') {
+         text += '-';
          ++i;
+      } else if (roff[i + 1] == '%' || roff[i + 1] == '&') {
+         ++i;
+      } else if (roff[i + 1] == 'f' && i + 2 < roff.size()) {
+         i += 2;
       } else {
-         out += roff[i];
+         text += roff[i];
       }
    }
-   return out;
+   return text;
 }
 
 // Options named by the tags of each section's (.SH) or subsection's (.SS)

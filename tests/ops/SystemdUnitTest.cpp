@@ -6,7 +6,6 @@
 #include <sstream>
 
 #include "support/ChildProcess.h"
-#include "support/ReplaceAll.h"
 #include "support/ScopedRuntimeDirectory.h"
 
 // The service units, as systemd reads them: `systemd-analyze verify` accepts
@@ -18,6 +17,21 @@ namespace {
 
 using TestSupport::ChildProcess;
 namespace fs = std::filesystem;
+
+std::string readFile(const fs::path& path) {
+   std::ifstream in(path);
+   std::stringstream text;
+   text << in.rdbuf();
+   return text.str();
+}
+
+std::string replaced(std::string text, const std::string& from, const std::string& to) {
+   for (std::size_t at = text.find(from); at != std::string::npos;
+        at = text.find(from, at + to.size())) {
+      text.replace(at, from.size(), to);
+   }
+   return text;
+}
 
 // A directory of the test's own: the units to verify, with the commands they
 // start at their installed paths replaced by the built programs (verify
@@ -40,11 +54,9 @@ class UnitTree {
       return root_ / name;
    }
    fs::path systemdUnit(const std::string& name) const {
-      const std::string text =
-          (std::stringstream() << std::ifstream(fs::path(SYSTEMD_DIR) / name).rdbuf()).str();
-      using TestSupport::replaceAll;
-      return unit(name, replaceAll(replaceAll(text, "/usr/sbin/ipfix-agent", IPFIX_AGENT_PATH),
-                                   "/usr/bin/ipfix-stats", IPFIX_STATS_PATH));
+      std::string text = readFile(fs::path(SYSTEMD_DIR) / name);
+      text = replaced(text, "/usr/sbin/ipfix-agent", IPFIX_AGENT_PATH);
+      return unit(name, replaced(text, "/usr/bin/ipfix-stats", IPFIX_STATS_PATH));
    }
    std::string manPath() const { return (root_ / "man").string(); }
 

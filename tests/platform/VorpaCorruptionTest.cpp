@@ -3,6 +3,8 @@
 #include <functional>
 
 #include "Kel/Exception.h"
+#include "Vorpa/Error.h"
+#include "Vorpa/TableReader.h"
 #include "platform/VorpaTestTypes.h"
 #include "support/ScopedTableName.h"
 #include "support/SegmentBytes.h"
@@ -11,22 +13,25 @@ namespace {
 
 using TestSupport::SegmentBytes;
 using VorpaTest::Key;
-using VorpaTest::Reader;
-using VorpaTest::Table;
 using VorpaTest::Value;
+using Table = Vorpa::Table<Key, Value>;
+using Reader = Vorpa::TableReader<Key, Value>;
 
-// Offsets into the header, which begins with the magic: the layout version
-// right after it, and a byte of the geometry further on.
+// Offsets into the header: the magic, the layout version right after it, and
+// a byte of the geometry further on.
+constexpr std::size_t magicOffset = 0;
 constexpr std::size_t versionOffset = 8;
 constexpr std::size_t geometryOffset = 40;
 
 TEST(VorpaMount, RefusesWhatItCannotReadWithTheRightProblem) {
+   using Damage = std::function<void(SegmentBytes&)>;
    const struct {
       const char* what;
-      std::function<void(SegmentBytes&)> damage;
+      Damage damage;
       Vorpa::MountProblem problem;
    } cases[] = {
-       {"bad magic", [](SegmentBytes& s) { s.bytes()[3] ^= 0x40; }, Vorpa::MountProblem::corrupt},
+       {"bad magic", [](SegmentBytes& s) { s.bytes()[magicOffset + 3] ^= 0x40; },
+        Vorpa::MountProblem::corrupt},
        {"magic not yet written", [](SegmentBytes& s) { std::memset(s.bytes().data(), 0, 8); },
         Vorpa::MountProblem::missing},
        {"other layout version", [](SegmentBytes& s) { s.bytes()[versionOffset] += 1; },
@@ -42,8 +47,21 @@ TEST(VorpaMount, RefusesWhatItCannotReadWithTheRightProblem) {
          SegmentBytes bytes(name);
          c.damage(bytes);
       }
-      EXPECT_EQ(VorpaTest::mountProblem(name), c.problem);
+      try {
+         Reader::mount(name);
+         ADD_FAILURE() << "mounted";
+      } catch (const Vorpa::MountError& e) {
+         EXPECT_EQ(e.problem(), c.problem) << e.what();
+      }
    }
+}
+
+TEST(VorpaMount, SegmentOutlivesItsWriterUntilRemoved) {
+   const TestSupport::ScopedTableName name("removed");
+   { Table::create(name, 4); }
+   EXPECT_NO_THROW(Reader::mount(name)) << "the segment outlives its writer";
+   Vorpa::Segment::remove(name);
+   EXPECT_THROW(Reader::mount(name), Vorpa::MountError);
 }
 
 // A damaged slot and a damaged header byte, made after the reader mounted:
@@ -53,6 +71,7 @@ TEST(VorpaCorruption, ReaderReportsDamagedSlotAndHeaderAndKeepsRunning) {
    const TestSupport::ScopedTableName name("corrupt");
    Table table = Table::create(name, 8);
    const Value damaged = Value::of(0x5eed5eed);
+   ASSERT_TRUE(table.entryIs(Key{1, 1}, Value::of(1)));
    ASSERT_TRUE(table.entryIs(Key{2, 2}, damaged));
    ASSERT_TRUE(table.entryIs(Key{3, 3}, Value::of(3)));
    const Reader reader = Reader::mount(name);
@@ -61,9 +80,15 @@ TEST(VorpaCorruption, ReaderReportsDamagedSlotAndHeaderAndKeepsRunning) {
    bytes.bytes()[bytes.find(&damaged, sizeof damaged) + 100] ^= 0x04;
    Value v;
    EXPECT_EQ(reader.entry(Key{2, 2}, v), Vorpa::ReadStatus::corrupt);
-   const Vorpa::ScanResult scan =
-       reader.forEach([&](const Key& k, const Value& value) { EXPECT_EQ(value, Value::of(k.id)); });
-   EXPECT_EQ(scan.entries, 1u);
+   EXPECT_EQ(reader.entry(Key{1, 1}, v), Vorpa::ReadStatus::ok);
+   EXPECT_EQ(v, Value::of(1));
+   Kel::U32 listed = 0;
+   const Vorpa::ScanResult scan = reader.forEach([&](const Key& k, const Value& value) {
+      ++listed;
+      EXPECT_EQ(value, Value::of(k.id));
+   });
+   EXPECT_EQ(scan.entries, 2u);
+   EXPECT_EQ(listed, 2u);
    EXPECT_EQ(scan.corrupt, 1u);
    EXPECT_EQ(reader.validate().corrupt, 1u);
    EXPECT_TRUE(reader.headerIntact());
@@ -72,8 +97,19 @@ TEST(VorpaCorruption, ReaderReportsDamagedSlotAndHeaderAndKeepsRunning) {
    EXPECT_FALSE(reader.headerIntact());
    EXPECT_EQ(reader.entry(Key{3, 3}, v), Vorpa::ReadStatus::ok) << "offsets come from the mount";
    EXPECT_EQ(v, Value::of(3));
+   try {
+      Reader::mount(name);
+      ADD_FAILURE() << "mounted a damaged header";
+   } catch (const Vorpa::MountError& e) {
+      EXPECT_EQ(e.problem(), Vorpa::MountProblem::corrupt);
+   }
 
-   EXPECT_THROW(table.entry(Key{2, 2}), Kel::AssertionError) << "the writer read a damaged slot";
+   try {
+      table.entry(Key{2, 2});
+      ADD_FAILURE() << "the writer read a damaged slot";
+   } catch (const Kel::AssertionError& e) {
+      EXPECT_STREQ(e.what(), "VorpaMap::safeRead() bad checksum");
+   }
    EXPECT_EQ(reader.corruptionCount(), 1u) << "the writer records what it met";
 }
 
@@ -97,6 +133,8 @@ TEST(VorpaCorruption, DamagedChangeRecordIsReportedNotFollowed) {
    EXPECT_EQ(reader.changesSince(cursor, changes), Vorpa::FollowStatus::corrupt);
    EXPECT_TRUE(changes.empty());
    EXPECT_EQ(cursor, table.changeSeq()) << "the reader moves past it and resynchronises";
+   Value v;
+   EXPECT_EQ(reader.entry(key, v), Vorpa::ReadStatus::ok);
 }
 
 }  // namespace

@@ -1,14 +1,9 @@
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <functional>
-#include <optional>
-#include <string>
 
 #include "Kel/Types.h"
-#include "Vorpa/Error.h"
-#include "Vorpa/TableReader.h"
 
 namespace VorpaTest {
 
@@ -27,13 +22,22 @@ struct Value {
    std::array<Kel::U64, 100> filler{};
 
    static Value of(Kel::U64 version) {
-      Value v{version, version * version, {}};
+      Value v;
+      v.version = version;
+      v.square = version * version;
       v.filler.fill(~version);
       return v;
    }
    bool intact() const {
-      return square == version * version &&
-             std::ranges::all_of(filler, [&](Kel::U64 f) { return f == ~version; });
+      if (square != version * version) {
+         return false;
+      }
+      for (const Kel::U64 f : filler) {
+         if (f != ~version) {
+            return false;
+         }
+      }
+      return true;
    }
    bool operator==(const Value&) const = default;
 };
@@ -44,24 +48,3 @@ template <>
 struct std::hash<VorpaTest::Key> {
    std::size_t operator()(const VorpaTest::Key& k) const noexcept { return k.bucket; }
 };
-
-namespace VorpaTest {
-
-using Table = Vorpa::Table<Key, Value>;
-using Reader = Vorpa::TableReader<Key, Value>;
-
-// The problem `f` (a mount or a create) throws; nullopt when it throws none.
-inline std::optional<Vorpa::MountProblem> problemOf(const std::function<void()>& f) {
-   try {
-      f();
-      return std::nullopt;
-   } catch (const Vorpa::MountError& e) {
-      return e.problem();
-   }
-}
-
-inline std::optional<Vorpa::MountProblem> mountProblem(const std::string& name) {
-   return problemOf([&] { Reader::mount(name); });
-}
-
-}  // namespace VorpaTest

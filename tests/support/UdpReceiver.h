@@ -17,12 +17,13 @@ namespace TestSupport {
 // One datagram as a collector sees it.
 struct Datagram {
    std::vector<Kel::U8> payload;
+   Nivel::IpGenAddr source;
    Nivel::Port sourcePort = 0;
    int tos = -1;  // IPv4 ToS or IPv6 traffic class
 };
 
 // A collector's socket on loopback (127.0.0.1 or ::1) with an ephemeral port,
-// reporting each datagram's source port and ToS / traffic class. Reads never
+// reporting each datagram's source and ToS / traffic class. Reads never
 // block: tests run the sender first, then drain what arrived.
 class UdpReceiver {
  public:
@@ -91,8 +92,15 @@ class UdpReceiver {
             d.tos = *reinterpret_cast<const int*>(CMSG_DATA(c));
          }
       }
-      d.sourcePort = ntohs(ipv6_ ? reinterpret_cast<const sockaddr_in6*>(&src)->sin6_port
-                                 : reinterpret_cast<const sockaddr_in*>(&src)->sin_port);
+      if (ipv6_) {
+         const auto* sin6 = reinterpret_cast<const sockaddr_in6*>(&src);
+         d.source = Nivel::Ip6Addr(sin6->sin6_addr);
+         d.sourcePort = ntohs(sin6->sin6_port);
+      } else {
+         const auto* sin = reinterpret_cast<const sockaddr_in*>(&src);
+         d.source = Nivel::IpAddr(ntohl(sin->sin_addr.s_addr));
+         d.sourcePort = ntohs(sin->sin_port);
+      }
       return d;
    }
 
@@ -104,6 +112,14 @@ class UdpReceiver {
          return std::nullopt;
       }
       return receive();
+   }
+
+   std::vector<Datagram> receiveAll() {
+      std::vector<Datagram> all;
+      while (auto d = receive()) {
+         all.push_back(std::move(*d));
+      }
+      return all;
    }
 
  private:
