@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/un.h>
+
 #include <memory>
 #include <string_view>
 
@@ -16,7 +18,8 @@ namespace Agent {
 // sends nothing and sets no timer.
 //
 // A failed send is traced and otherwise ignored: the service manager then
-// acts on its own timeouts, and exporting goes on either way.
+// acts on its own timeouts, and exporting goes on either way. Keep-alives
+// never wait for a manager that falls behind in reading.
 class ServiceNotifier {
  public:
    explicit ServiceNotifier(Kel::Ptr<Bexa::TaskScheduler> scheduler);
@@ -29,10 +32,12 @@ class ServiceNotifier {
    void stopping();
 
  private:
-   void send(std::string_view state);
+   void send(std::string_view state, int flags = 0);
    void keepAlive();
 
-   bool enabled_ = false;
+   int fd_ = -1;
+   sockaddr_un address_{};
+   socklen_t addressLength_ = 0;
    Kel::Seconds keepAliveInterval_ = 0;
    std::unique_ptr<Bexa::Task> keepAliveTask_;
 };

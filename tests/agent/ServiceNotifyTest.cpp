@@ -82,16 +82,33 @@ TEST(AgentService, NotifiesReadyReloadsStopAndKeepsTheWatchdogFed) {
    const std::string table = "ipfix-agent-notify-" + std::to_string(getpid());
    const std::string path = TestSupport::tempPath("notify.yaml");
    TestSupport::UdpReceiver c1(false), c2(false);
-   writeFile(path, config({{"c1", c1.port()}}));
+   // Templates every second, which show the export loop turning.
+   const auto everySecond = [](std::string c) {
+      const std::string interval = "template-interval-ms: 60000";
+      return c.replace(c.find(interval), interval.size(), "template-interval-ms: 1000");
+   };
+   writeFile(path, everySecond(config({{"c1", c1.port()}})));
    TestSupport::AgentProcess agent(path, table);
 
    EXPECT_EQ(manager.next(), "READY=1\nSTATUS=Exporting: 1 tracker, 1 exporter, 1 collector");
    EXPECT_TRUE(manager.keepAlivesReach(3)) << "the watchdog is not fed";
 
-   writeFile(path, config({{"c1", c1.port()}, {"c2", c2.port()}}));
+   writeFile(path, everySecond(config({{"c1", c1.port()}, {"c2", c2.port()}})));
    agent.signal(SIGHUP);
    expectReloading(manager.next());
    EXPECT_EQ(manager.next(), "READY=1\nSTATUS=Exporting: 1 tracker, 1 exporter, 2 collectors");
+
+   // A manager that falls behind in reading (more keep-alives than its
+   // socket queues) does not stop the export.
+   const auto stalled = std::chrono::steady_clock::now();
+   int lateDatagrams = 0;
+   while (std::chrono::steady_clock::now() < stalled + std::chrono::milliseconds(3500)) {
+      if (c1.receiveWithin(100) &&
+          std::chrono::steady_clock::now() > stalled + std::chrono::milliseconds(2500)) {
+         ++lateDatagrams;
+      }
+   }
+   EXPECT_GT(lateDatagrams, 0) << "the agent waited for the service manager";
 
    // A refused file ends its reload too, and the status says so.
    writeFile(path, "flow-tracking: [\n");
